@@ -1,0 +1,538 @@
+#include "function.hpp"
+
+#include <cstddef>
+#include <cstring>
+
+#include "module.hpp"
+
+namespace decision_bounds {
+namespace {
+
+constexpr int co_optimized = 0x1;
+constexpr int co_newlocals = 0x2;
+constexpr int co_varargs = 0x4;
+
+FunctionObject* as_function(PyObject* self) { return reinterpret_cast<FunctionObject*>(self); }
+
+// How a spec's parameters divide into the kinds that the interpreter counts.
+struct Shape {
+    Py_ssize_t positional = 0;    // positional-or-keyword parameters, first in the spec
+    Py_ssize_t keyword_only = 0;  // after them
+    bool var_positional = false;  // a `*name` parameter, last
+};
+
+Shape shape_of(const FunctionSpec& spec) {
+    Shape shape;
+    for (const Param& p : spec.params) {
+        switch (p.kind) {
+            case ParamKind::positional_or_keyword: ++shape.positional; break;
+            case ParamKind::keyword_only: ++shape.keyword_only; break;
+            case ParamKind::var_positional: shape.var_positional = true; break;
+        }
+    }
+    return shape;
+}
+
+// The named parameters in the order of the bound slots: positional ones, then keyword-only ones.
+const Param& named_param(const FunctionSpec& spec, const Shape& shape, Py_ssize_t slot) {
+    Py_ssize_t seen = 0;
+    bool keyword_only = slot >= shape.positional;
+    for (const Param& p : spec.params) {
+        bool wanted = keyword_only ? p.kind == ParamKind::keyword_only
+                                   : p.kind == ParamKind::positional_or_keyword;
+        if (wanted && seen++ == (keyword_only ? slot - shape.positional : slot)) {
+            return p;
+        }
+    }
+    return spec.params.front();  // not reached for a slot below the count
+}
+
+PyObject* qualname_of(FunctionObject* fn);
+
+// The `TypeError`s of argument binding, worded as the interpreter words them for a function.
+void raise_missing(FunctionObject* fn, const char* kind, PyObject* const* slots, Py_ssize_t from,
+                   Py_ssize_t to, PyObject* kwdefaults_hit[]) {
+    const FunctionSpec& spec = *fn->spec;
+    Shape shape = shape_of(spec);
+    Ref names = own(PyList_New(0));
+    for (Py_ssize_t i = from; i < to; ++i) {
+        if (slots[i] == nullptr && (kwdefaults_hit == nullptr || kwdefaults_hit[i] == nullptr)) {
+            Ref text = own(PyUnicode_FromString(named_param(spec, shape, i).name));
+            check(PyList_Append(names.get(), own(PyObject_Repr(text.get())).get()));
+        }
+    }
+    Py_ssize_t count = PyList_GET_SIZE(names.get());
+    Ref listed;
+    if (count == 1) {
+        listed = Ref::borrow(PyList_GET_ITEM(names.get(), 0));
+    } else if (count == 2) {
+        listed = own(PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0),
+                                          PyList_GET_ITEM(names.get(), 1)));
+    } else {
+        Ref head = own(PyList_GetSlice(names.get(), 0, count - 1));
+        Ref sep = own(PyUnicode_FromString(", "));
+        Ref joined = own(PyUnicode_Join(sep.get(), head.get()));
+        listed = own(PyUnicode_FromFormat("%U, and %U", joined.get(), PyList_GET_ITEM(names.get(), count - 1)));
+    }
+    PyErr_Format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", qualname_of(fn), count, kind,
+                 count == 1 ? "" : "s", listed.get());
+    raise_current();
+}
+
+void raise_too_many(FunctionObject* fn, const Shape& shape, Py_ssize_t given, Py_ssize_t defcount,
+                    Py_ssize_t kwonly_given) {
+    Ref sig;
+    bool plural;
+    if (defcount) {
+        plural = true;
+        sig = own(PyUnicode_FromFormat("from %zd to %zd", shape.positional - defcount, shape.positional));
+    } else {
+        plural = shape.positional != 1;
+        sig = own(PyUnicode_FromFormat("%zd", shape.positional));
+    }
+    Ref kwonly_sig;
+    if (kwonly_given) {
+        kwonly_sig = own(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
+                                              given != 1 ? "s" : "", kwonly_given, kwonly_given != 1 ? "s" : ""));
+    } else {
+        kwonly_sig = own(PyUnicode_FromString(""));
+    }
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(fn),
+                 sig.get(), plural ? "s" : "", given, kwonly_sig.get(),
+                 given == 1 && !kwonly_given ? "was" : "were");
+    raise_current();
+}
+
+// Finds the slot of a keyword argument, or -1.
+Py_ssize_t slot_of_keyword(const FunctionSpec& spec, const Shape& shape, PyObject* keyword) {
+    Py_ssize_t named = shape.positional + shape.keyword_only;
+    for (Py_ssize_t i = 0; i < named; ++i) {
+        if (PyUnicode_CompareWithASCIIString(keyword, named_param(spec, shape, i).name) == 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+// The value of a keyword-only default, borrowed from `kwdefaults`, or null.
+PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
+    if (kwdefaults == nullptr) {
+        return nullptr;
+    }
+    Py_ssize_t pos = 0;
+    PyObject* key;
+    PyObject* value;
+    while (PyDict_Next(kwdefaults, &pos, &key, &value)) {
+        if (PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, param) == 0) {
+            return value;
+        }
+    }
+    return nullptr;
+}
+
+// Binds a call's arguments into `slots` as the interpreter binds a Python function's, in its order
+// of checks. Defaults that fill a slot are kept alive in `owned` while the body runs: the body may
+// call code that replaces the function's defaults.
+void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+                    PyObject** slots, Ref* owned) {
+    const FunctionSpec& spec = *fn->spec;
+    // The common case first: only positional arguments, exactly one per parameter.
+    if (kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
+        (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword)) {
+        std::memcpy(slots, args, sizeof(PyObject*) * static_cast<size_t>(nargs));
+        return;
+    }
+    Shape shape = shape_of(spec);
+    Py_ssize_t named = shape.positional + shape.keyword_only;
+    Py_ssize_t taken = nargs < shape.positional ? nargs : shape.positional;
+    for (Py_ssize_t i = 0; i < taken; ++i) {
+        slots[i] = args[i];
+    }
+    for (Py_ssize_t i = taken; i < named; ++i) {
+        slots[i] = nullptr;
+    }
+    Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+    for (Py_ssize_t k = 0; k < nkw; ++k) {
+        PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
+        Py_ssize_t i = slot_of_keyword(spec, shape, keyword);
+        if (i < 0) {
+            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(fn), keyword);
+            raise_current();
+        }
+        if (slots[i] != nullptr) {
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname_of(fn), keyword);
+            raise_current();
+        }
+        slots[i] = args[nargs + k];
+    }
+    Py_ssize_t defcount = fn->defaults ? PyTuple_GET_SIZE(fn->defaults) : 0;
+    if (nargs > shape.positional && !shape.var_positional) {
+        Py_ssize_t kwonly_given = 0;
+        for (Py_ssize_t i = shape.positional; i < named; ++i) {
+            kwonly_given += slots[i] != nullptr;
+        }
+        raise_too_many(fn, shape, nargs, defcount, kwonly_given);
+    }
+    Py_ssize_t first_default = shape.positional - defcount;
+    if (nargs < shape.positional) {
+        for (Py_ssize_t i = nargs; i < first_default; ++i) {
+            if (slots[i] == nullptr) {
+                raise_missing(fn, "positional", slots, nargs, first_default, nullptr);
+            }
+        }
+        for (Py_ssize_t i = nargs > first_default ? nargs - first_default : 0; i < defcount; ++i) {
+            if (slots[first_default + i] == nullptr) {
+                owned[first_default + i] = Ref::borrow(PyTuple_GET_ITEM(fn->defaults, i));
+                slots[first_default + i] = owned[first_default + i].get();
+            }
+        }
+    }
+    if (shape.keyword_only > 0) {
+        PyObject* found[max_params] = {};
+        bool missing = false;
+        for (Py_ssize_t i = shape.positional; i < named; ++i) {
+            if (slots[i] == nullptr) {
+                found[i] = keyword_default(fn->kwdefaults, named_param(spec, shape, i).name);
+                missing = missing || found[i] == nullptr;
+            }
+        }
+        if (missing) {
+            raise_missing(fn, "keyword-only", slots, shape.positional, named, found);
+        }
+        for (Py_ssize_t i = shape.positional; i < named; ++i) {
+            if (found[i] != nullptr) {
+                owned[i] = Ref::borrow(found[i]);
+                slots[i] = found[i];
+            }
+        }
+    }
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
+    FunctionObject* fn = as_function(self);
+    return guarded([&] {
+        PyObject* slots[max_params];
+        Ref owned[max_params];
+        bind_arguments(fn, args, PyVectorcall_NARGS(nargsf), kwnames, slots, owned);
+        return fn->spec->body(fn, slots);
+    });
+}
+
+// Attributes made from the spec when first read.
+
+PyObject* text_or_none(const char* text) {
+    return text ? PyUnicode_FromString(text) : Py_NewRef(Py_None);
+}
+
+PyObject* materialize(PyObject*& slot, const char* text) {
+    if (slot == nullptr) {
+        slot = text_or_none(text);
+    }
+    return slot;
+}
+
+PyObject* qualname_of(FunctionObject* fn) {
+    PyObject* q = materialize(fn->qualname, fn->spec->qualname);
+    if (q == nullptr) {
+        raise_current();
+    }
+    return q;
+}
+
+Ref annotations_of(FunctionObject* fn) {
+    if (fn->annotations == nullptr) {
+        Ref dict = own(PyDict_New());
+        auto put = [&](const char* key, const char* text) {
+            Ref value = own(PyUnicode_FromString(text));
+            check(PyDict_SetItemString(dict.get(), key, value.get()));
+        };
+        for (const Param& p : fn->spec->params) {
+            if (p.annotation) {
+                put(p.name, p.annotation);
+            }
+        }
+        if (fn->spec->returns) {
+            put("return", fn->spec->returns);
+        }
+        fn->annotations = dict.release();
+    }
+    return Ref::borrow(fn->annotations);
+}
+
+// A code object that states the parameters, for `inspect`: an empty code object given the
+// argument counts, names and flags of the spec.
+Ref code_of(FunctionObject* fn) {
+    if (fn->code != nullptr) {
+        return Ref::borrow(fn->code);
+    }
+    const FunctionSpec& spec = *fn->spec;
+    Shape shape = shape_of(spec);
+    PyObject* file = PyDict_GetItemWithError(fn->globals, name(fn, Name::__file__));
+    if (file == nullptr && PyErr_Occurred()) {
+        raise_current();
+    }
+    Ref filename = file && PyUnicode_Check(file) ? Ref::borrow(file) : Ref::borrow(fn->module_name);
+    Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(filename.get()), spec.name, 1)));
+    Ref varnames = own(PyTuple_New(static_cast<Py_ssize_t>(spec.params.size())));
+    Py_ssize_t index = 0;
+    for (Py_ssize_t i = 0; i < shape.positional + shape.keyword_only; ++i) {
+        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(named_param(spec, shape, i).name)).release());
+    }
+    if (shape.var_positional) {
+        PyTuple_SET_ITEM(varnames.get(), index, own(PyUnicode_FromString(spec.params.back().name)).release());
+    }
+    Ref kwargs = own(PyDict_New());
+    auto put = [&](Name key, Ref value) { check(PyDict_SetItem(kwargs.get(), name(fn, key), value.get())); };
+    put(Name::co_argcount, own(PyLong_FromSsize_t(shape.positional)));
+    put(Name::co_kwonlyargcount, own(PyLong_FromSsize_t(shape.keyword_only)));
+    put(Name::co_nlocals, own(PyLong_FromSsize_t(PyTuple_GET_SIZE(varnames.get()))));
+    put(Name::co_varnames, varnames);
+    put(Name::co_flags, own(PyLong_FromLong(co_optimized | co_newlocals | (shape.var_positional ? co_varargs : 0))));
+    put(Name::co_qualname, own(PyUnicode_FromString(spec.qualname)));
+    Ref replace = getattr(empty.get(), name(fn, Name::replace));
+    Ref empty_args = own(PyTuple_New(0));
+    Ref code = own(PyObject_Call(replace.get(), empty_args.get(), kwargs.get()));
+    fn->code = Py_NewRef(code.get());
+    return code;
+}
+
+// Getters and setters.
+
+PyObject* get_name(PyObject* self, void*) noexcept {
+    return Py_XNewRef(materialize(as_function(self)->name, as_function(self)->spec->name));
+}
+
+PyObject* get_qualname(PyObject* self, void*) noexcept {
+    return Py_XNewRef(materialize(as_function(self)->qualname, as_function(self)->spec->qualname));
+}
+
+PyObject* get_doc(PyObject* self, void*) noexcept {
+    return Py_XNewRef(materialize(as_function(self)->doc, as_function(self)->spec->doc));
+}
+
+int set_text(PyObject*& slot, PyObject* value, const char* what) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", what);
+        return -1;
+    }
+    Py_XSETREF(slot, Py_NewRef(value));
+    return 0;
+}
+
+int set_name(PyObject* self, PyObject* value, void*) noexcept {
+    return set_text(as_function(self)->name, value, "__name__");
+}
+
+int set_qualname(PyObject* self, PyObject* value, void*) noexcept {
+    return set_text(as_function(self)->qualname, value, "__qualname__");
+}
+
+int set_doc(PyObject* self, PyObject* value, void*) noexcept {
+    Py_XSETREF(as_function(self)->doc, Py_NewRef(value ? value : Py_None));
+    return 0;
+}
+
+PyObject* get_or_none(PyObject* value) { return Py_NewRef(value ? value : Py_None); }
+
+PyObject* get_defaults(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->defaults); }
+
+int set_defaults(PyObject* self, PyObject* value, void*) noexcept {
+    if (value == Py_None) {
+        value = nullptr;
+    }
+    if (value != nullptr && !PyTuple_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__defaults__ must be set to a tuple object");
+        return -1;
+    }
+    Py_XSETREF(as_function(self)->defaults, Py_XNewRef(value));
+    return 0;
+}
+
+PyObject* get_kwdefaults(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->kwdefaults); }
+
+int set_kwdefaults(PyObject* self, PyObject* value, void*) noexcept {
+    if (value == Py_None) {
+        value = nullptr;
+    }
+    if (value != nullptr && !PyDict_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__kwdefaults__ must be set to a dict object");
+        return -1;
+    }
+    Py_XSETREF(as_function(self)->kwdefaults, Py_XNewRef(value));
+    return 0;
+}
+
+PyObject* get_annotations(PyObject* self, void*) noexcept {
+    return guarded([&] { return annotations_of(as_function(self)); });
+}
+
+int set_annotations(PyObject* self, PyObject* value, void*) noexcept {
+    if (value == Py_None) {
+        value = nullptr;
+    }
+    if (value != nullptr && !PyDict_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__annotations__ must be set to a dict object");
+        return -1;
+    }
+    // Deleting leaves an empty dict behind, as for a Python function.
+    Py_XSETREF(as_function(self)->annotations, value ? Py_NewRef(value) : PyDict_New());
+    return as_function(self)->annotations ? 0 : -1;
+}
+
+PyObject* get_code(PyObject* self, void*) noexcept {
+    return guarded([&] { return code_of(as_function(self)); });
+}
+
+PyObject* get_module(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->module_name); }
+
+int set_module(PyObject* self, PyObject* value, void*) noexcept {
+    Py_XSETREF(as_function(self)->module_name, Py_XNewRef(value));
+    return 0;
+}
+
+PyObject* get_globals(PyObject* self, void*) noexcept { return Py_NewRef(as_function(self)->globals); }
+
+PyObject* get_builtins(PyObject* self, void*) noexcept {
+    PyObject* builtins = PyDict_GetItemString(as_function(self)->globals, "__builtins__");
+    if (builtins != nullptr && PyModule_Check(builtins)) {
+        return Py_NewRef(PyModule_GetDict(builtins));
+    }
+    return Py_NewRef(builtins ? builtins : PyEval_GetBuiltins());
+}
+
+PyGetSetDef function_getset[] = {
+    {"__module__", get_module, set_module, nullptr, nullptr},
+    {"__name__", get_name, set_name, nullptr, nullptr},
+    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
+    {"__doc__", get_doc, set_doc, nullptr, nullptr},
+    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
+    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__builtins__", get_builtins, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef function_members[] = {
+    {"__dictoffset__", Py_T_PYSSIZET, offsetof(FunctionObject, dict), Py_READONLY, nullptr},
+    {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(FunctionObject, weakrefs), Py_READONLY, nullptr},
+    {"__vectorcalloffset__", Py_T_PYSSIZET, offsetof(FunctionObject, vectorcall), Py_READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+// Found on an instance, a function binds as a method, as a Python function does.
+PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) noexcept {
+    if (obj == nullptr || obj == Py_None) {
+        return Py_NewRef(self);
+    }
+    return PyMethod_New(self, obj);
+}
+
+PyObject* function_repr(PyObject* self) noexcept {
+    return guarded([&] { return own(PyUnicode_FromFormat("<function %U at %p>", qualname_of(as_function(self)), self)); });
+}
+
+int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
+    FunctionObject* fn = as_function(self);
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(fn->module);
+    Py_VISIT(fn->globals);
+    Py_VISIT(fn->module_name);
+    Py_VISIT(fn->name);
+    Py_VISIT(fn->qualname);
+    Py_VISIT(fn->doc);
+    Py_VISIT(fn->defaults);
+    Py_VISIT(fn->kwdefaults);
+    Py_VISIT(fn->annotations);
+    Py_VISIT(fn->code);
+    Py_VISIT(fn->dict);
+    for (PyObject* kept : fn->captured) {
+        Py_VISIT(kept);
+    }
+    return 0;
+}
+
+int function_clear(PyObject* self) noexcept {
+    FunctionObject* fn = as_function(self);
+    Py_CLEAR(fn->module);
+    Py_CLEAR(fn->globals);
+    Py_CLEAR(fn->module_name);
+    Py_CLEAR(fn->name);
+    Py_CLEAR(fn->qualname);
+    Py_CLEAR(fn->doc);
+    Py_CLEAR(fn->defaults);
+    Py_CLEAR(fn->kwdefaults);
+    Py_CLEAR(fn->annotations);
+    Py_CLEAR(fn->code);
+    Py_CLEAR(fn->dict);
+    for (PyObject*& kept : fn->captured) {
+        Py_CLEAR(kept);
+    }
+    return 0;
+}
+
+void function_dealloc(PyObject* self) noexcept {
+    PyTypeObject* type = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
+    if (as_function(self)->weakrefs != nullptr) {
+        PyObject_ClearWeakRefs(self);
+    }
+    function_clear(self);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyType_Slot function_slots[] = {
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(function_descr_get)},
+    {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
+    {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
+    {Py_tp_getset, function_getset},
+    {Py_tp_members, function_members},
+    {0, nullptr},
+};
+
+PyType_Spec function_spec = {
+    .name = "engines.decision_bounds.function",
+    .basicsize = sizeof(FunctionObject),
+    .itemsize = 0,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR |
+             Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
+    .slots = function_slots,
+};
+
+}  // namespace
+
+PyType_Spec& function_type_spec() { return function_spec; }
+
+Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults, PyObject* kwdefaults) {
+    PyTypeObject* type = state_of(module).function_type;
+    FunctionObject* fn = PyObject_GC_New(FunctionObject, type);
+    if (fn == nullptr) {
+        raise_current();
+    }
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(fn));
+    fn->vectorcall = function_vectorcall;
+    fn->spec = &spec;
+    fn->module = Py_NewRef(module);
+    fn->globals = Py_NewRef(PyModule_GetDict(module));
+    fn->module_name = nullptr;
+    fn->name = fn->qualname = fn->doc = nullptr;
+    fn->defaults = Py_XNewRef(defaults);
+    fn->kwdefaults = Py_XNewRef(kwdefaults);
+    fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
+    fn->captured[0] = fn->captured[1] = nullptr;
+    PyObject_GC_Track(fn);
+    PyObject* module_name = PyDict_GetItemWithError(fn->globals, name(module, Name::__name__));
+    if (module_name == nullptr && PyErr_Occurred()) {
+        raise_current();
+    }
+    fn->module_name = Py_XNewRef(module_name);
+    return result;
+}
+
+}  // namespace decision_bounds

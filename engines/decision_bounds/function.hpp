@@ -1,0 +1,69 @@
+// The module's function type: native bodies that look like Python functions to their callers.
+//
+// Each function is described once by a constant `FunctionSpec` (name, qualified name, docstring,
+// parameters with their annotation texts, return annotation, body). A function object made from it
+// binds its call's arguments the way the interpreter binds a Python function's, into one slot per
+// named parameter, and hands them to the body. Defaults live on the object (`__defaults__`,
+// `__kwdefaults__`), so changing them changes the next call, as for a Python function.
+#pragma once
+
+#include <span>
+
+#include "pyref.hpp"
+
+namespace decision_bounds {
+
+enum class ParamKind : unsigned char { positional_or_keyword, keyword_only, var_positional };
+
+struct Param {
+    const char* name;
+    const char* annotation;  // the annotation's text; null: not annotated
+    ParamKind kind = ParamKind::positional_or_keyword;
+};
+
+struct FunctionObject;
+
+// A body gets the bound arguments, one borrowed reference per named parameter in the order of the
+// spec (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
+using Body = Ref (*)(FunctionObject* self, PyObject* const* args);
+
+struct FunctionSpec {
+    const char* name;
+    const char* qualname;
+    const char* doc;  // null: no docstring
+    std::span<const Param> params;
+    const char* returns;  // the return annotation's text; null: not annotated
+    Body body;
+};
+
+// The most named parameters a spec may have.
+inline constexpr Py_ssize_t max_params = 8;
+
+struct FunctionObject {
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
+    const FunctionSpec* spec;
+    PyObject* module;       // the defining module: its state and namespace
+    PyObject* globals;      // the module's namespace (`__globals__`)
+    PyObject* module_name;  // `__module__`
+    PyObject* name;         // `__name__`, `__qualname__`, `__doc__`: made from the spec when first read
+    PyObject* qualname;
+    PyObject* doc;
+    PyObject* defaults;     // a tuple or null (None)
+    PyObject* kwdefaults;   // a dict or null (None)
+    PyObject* annotations;  // made from the spec when first read
+    PyObject* code;         // made when first read: it only serves introspection
+    PyObject* dict;
+    PyObject* weakrefs;
+    PyObject* captured[2];  // what a function made inside another call keeps (strong, may be null)
+};
+
+// The function type's spec, to make the type for one module.
+PyType_Spec& function_type_spec();
+
+// Makes a function of `module` from `spec`. `defaults` is a tuple or null, `kwdefaults` a dict or
+// null; both are taken as they are (new references are kept).
+Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults = nullptr,
+                  PyObject* kwdefaults = nullptr);
+
+}  // namespace decision_bounds

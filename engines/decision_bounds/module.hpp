@@ -1,0 +1,72 @@
+// The module object: its state, the names its code looks up, and the helpers that build its
+// namespace at start-up.
+#pragma once
+
+#include <initializer_list>
+#include <utility>
+
+#include "function.hpp"
+
+namespace decision_bounds {
+
+// Every name that the module's code looks up at run time (in the namespace, on objects, or as a
+// method), made into an interned string once per module.
+#define DECISION_BOUNDS_NAMES(X)                                                                  \
+    X(__name__) X(__file__) X(__enter__) X(__exit__) X(_POLL_S) X(logger) X(math) X(isinf)        \
+    X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) X(DecisionTimeout)            \
+    X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
+    X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
+    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)
+
+enum class Name : int {
+#define DECISION_BOUNDS_ENUM(n) n,
+    DECISION_BOUNDS_NAMES(DECISION_BOUNDS_ENUM)
+#undef DECISION_BOUNDS_ENUM
+        count
+};
+
+struct ModuleState {
+    PyTypeObject* function_type;
+    PyObject* names[static_cast<int>(Name::count)];
+};
+
+ModuleState& state_of(PyObject* module);
+
+inline PyObject* name(PyObject* module, Name n) { return state_of(module).names[static_cast<int>(n)]; }
+inline PyObject* name(FunctionObject* fn, Name n) { return name(fn->module, n); }
+
+// Looks up a module-level name as the code of a Python module would at each use: the module's
+// namespace, then the builtins; `NameError` when it is in neither.
+Ref global(PyObject* globals, PyObject* key);
+inline Ref global(FunctionObject* fn, Name n) { return global(fn->globals, name(fn, n)); }
+
+// Binds `key` in the module's namespace (at start-up).
+void bind(PyObject* module, const char* key, const Ref& value);
+// Reads a name from the module's namespace (at start-up: it must be there).
+Ref lookup(PyObject* module, const char* key);
+
+// Builds a class as its `class` statement would: the namespace in the order the interpreter fills
+// it (`__module__`, `__qualname__`, `__annotations__` if any, `__doc__`, then the body), handed to
+// the metaclass.
+class ClassBuilder {
+public:
+    using Annotation = std::pair<const char*, const char*>;
+
+    ClassBuilder(PyObject* module, const char* name, const char* doc,
+                 std::initializer_list<Annotation> annotations = {});
+
+    void add(const char* key, const Ref& value);
+    void add(const FunctionSpec& spec, PyObject* defaults = nullptr, PyObject* kwdefaults = nullptr);
+    // The class made by `metaclass(name, bases, namespace)`; no bases: `()`, no metaclass: `type`.
+    Ref build(PyObject* bases = nullptr, PyObject* metaclass = nullptr);
+
+private:
+    PyObject* module_;
+    const char* name_;
+    Ref namespace_;
+};
+
+// The class that the namespace's `dataclass` makes of `cls`.
+Ref as_dataclass(PyObject* module, const Ref& cls);
+
+}  // namespace decision_bounds

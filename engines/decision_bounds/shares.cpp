@@ -1,0 +1,249 @@
+#include "shares.hpp"
+
+namespace decision_bounds {
+namespace {
+
+// Share
+
+constexpr const char* share_doc = R"doc(What one admitted call holds of a bound, given back exactly once: settled with the paid
+    reply that ends the call, or released when it ends without one (on leaving the ``with`` block
+    that holds it, whatever ended it: an error, a stop or an interrupt).)doc";
+
+Ref share_init(FunctionObject* fn, PyObject* const* args) {
+    setattr(args[0], name(fn, Name::_give_back), args[1]);
+    return none();
+}
+
+Ref share_settle(FunctionObject* fn, PyObject* const* args) {
+    PyObject* self = args[0];
+    // Read and cleared with nothing run between the two, so that no other settle can obtain the
+    // callback, and the share counts as given back even if the callback raises.
+    Ref give_back = getattr(self, name(fn, Name::_give_back));
+    setattr(self, name(fn, Name::_give_back), Py_None);
+    if (give_back.get() != Py_None) {
+        call(give_back.get(), args[1]);
+    }
+    return none();
+}
+
+Ref share_enter(FunctionObject*, PyObject* const* args) { return Ref::borrow(args[0]); }
+
+Ref share_exit(FunctionObject* fn, PyObject* const* args) {
+    call_method(args[0], name(fn, Name::settle), Py_None);
+    return none();
+}
+
+constexpr Param share_init_params[] = {{"self", nullptr}, {"give_back", "Callable[[PaidReply | None], None]"}};
+constexpr Param share_settle_params[] = {{"self", nullptr}, {"reply", "PaidReply | None"}};
+constexpr Param self_only[] = {{"self", nullptr}};
+constexpr Param share_exit_params[] = {{"self", nullptr}, {"_exc", "object", ParamKind::var_positional}};
+
+constexpr FunctionSpec share_methods[] = {
+    {"__init__", "Share.__init__",
+     "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
+     "(None: not paid).\n        ",
+     share_init_params, "None", share_init},
+    {"settle", "Share.settle",
+     "Give the share back, counting ``reply`` (None: the call was not paid); a share given\n        back already "
+     "is not given back again.",
+     share_settle_params, "None", share_settle},
+    {"__enter__", "Share.__enter__", nullptr, self_only, "Share", share_enter},
+    {"__exit__", "Share.__exit__", nullptr, share_exit_params, "None", share_exit},
+};
+
+// _Held
+
+constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
+    shares, and how many hold an unbounded one (``math.inf``).)doc";
+
+Ref integer(long value) { return own(PyLong_FromLong(value)); }
+Ref real(double value) { return own(PyFloat_FromDouble(value)); }
+
+Ref held_admits(FunctionObject* fn, PyObject* const* args) {
+    PyObject* self = args[0];
+    PyObject* share = args[1];
+    if (truthy(getattr(self, name(fn, Name::unbounded)).get())) {
+        return boolean(false);
+    }
+    if (is_unbounded(fn, share) && truthy(getattr(self, name(fn, Name::holders)).get())) {
+        return boolean(false);
+    }
+    Ref amount = getattr(self, name(fn, Name::amount));
+    Ref total = own(PyNumber_Add(args[2], amount.get()));
+    return own(PyObject_RichCompare(total.get(), args[3], Py_LT));
+}
+
+// `self.<counter> += step`
+void add_to(PyObject* self, PyObject* counter, PyObject* step) {
+    Ref value = getattr(self, counter);
+    setattr(self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
+}
+
+// `self.<counter> = max(floor, self.<counter> - step)`
+void take_from(PyObject* self, PyObject* counter, PyObject* step, const Ref& floor) {
+    Ref value = getattr(self, counter);
+    Ref less = own(PyNumber_Subtract(value.get(), step));
+    setattr(self, counter, maximum(floor.get(), less.get()).get());
+}
+
+Ref held_take(FunctionObject* fn, PyObject* const* args) {
+    PyObject* self = args[0];
+    PyObject* share = args[1];
+    add_to(self, name(fn, Name::holders), integer(1).get());
+    if (is_unbounded(fn, share)) {
+        add_to(self, name(fn, Name::unbounded), integer(1).get());
+    } else {
+        add_to(self, name(fn, Name::amount), share);
+    }
+    return none();
+}
+
+Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
+    PyObject* self = args[0];
+    PyObject* share = args[1];
+    take_from(self, name(fn, Name::holders), integer(1).get(), integer(0));
+    if (is_unbounded(fn, share)) {
+        take_from(self, name(fn, Name::unbounded), integer(1).get(), integer(0));
+    } else {
+        take_from(self, name(fn, Name::amount), share, real(0.0));
+    }
+    // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
+    Ref holders = getattr(self, name(fn, Name::holders));
+    if (compare(holders.get(), integer(0).get(), Py_EQ)) {
+        setattr(self, name(fn, Name::amount), real(0.0).get());
+    }
+    return none();
+}
+
+constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
+constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
+
+constexpr FunctionSpec held_methods[] = {
+    {"admits", "_Held.admits",
+     "Whether a call that would hold ``share`` may start: nothing unbounded is held, an\n        unbounded share is "
+     "held by no other call, and ``used`` plus what is held is below\n        ``limit``.",
+     admits_params, "bool", held_admits},
+    {"take", "_Held.take", nullptr, share_params, "None", held_take},
+    {"give_back", "_Held.give_back", nullptr, share_params, "None", held_give_back},
+};
+
+// _wait
+
+Ref wait_body(FunctionObject* fn, PyObject* const* args) {
+    PyObject* changed = args[0];
+    PyObject* stopping = args[1];
+    PyObject* deadline = args[2];
+    PyObject* clock = args[3];
+    if (truthy(call(stopping).get())) {
+        raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
+    }
+    Ref timeout = global(fn, Name::_POLL_S);
+    if (deadline != Py_None && clock != Py_None) {
+        Ref now = call(clock);
+        Ref left = own(PyNumber_Subtract(deadline, now.get()));
+        if (compare(left.get(), integer(0).get(), Py_LE)) {
+            raise_error(fn, Name::DecisionTimeout,
+                        "the decision call ran out of its deadline while the calls in flight held the rest of "
+                        "the daily cost cap");
+        }
+        // `min(_POLL_S, left)`: the wait never runs past the deadline.
+        Ref poll = global(fn, Name::_POLL_S);
+        timeout = compare(left.get(), poll.get(), Py_LT) ? left : poll;
+    }
+    call_method(changed, name(fn, Name::wait), timeout.get());
+    return none();
+}
+
+constexpr Param wait_params[] = {
+    {"changed", "threading.Condition"},
+    {"stopping", "Callable[[], bool]"},
+    {"deadline", "float | None", ParamKind::keyword_only},
+    {"clock", "Callable[[], float] | None", ParamKind::keyword_only},
+};
+
+constexpr FunctionSpec wait_spec = {
+    "_wait", "_wait",
+    "Wait, holding ``changed``, until a held share is given back or a poll interval passes.\n\n    Raises:\n"
+    "        DecisionStopped: The pass is stopping.\n        DecisionTimeout: ``deadline`` (on ``clock``) passed.\n"
+    "    ",
+    wait_params, "None", wait_body};
+
+}  // namespace
+
+Holding::Holding(FunctionObject* fn, PyObject* condition) : fn_(fn), condition_(Ref::borrow(condition)) {
+    call_method(condition, name(fn, Name::__enter__));
+    held_ = true;
+}
+
+void Holding::leave() {
+    held_ = false;
+    call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
+}
+
+Holding::~Holding() {
+    if (!held_) {
+        return;
+    }
+    PyObject* error = PyErr_GetRaisedException();
+    PyObject* type = error ? reinterpret_cast<PyObject*>(Py_TYPE(error)) : Py_None;
+    PyObject* traceback = error ? PyException_GetTraceback(error) : nullptr;
+    PyObject* args[] = {condition_.get(), type, error ? error : Py_None, traceback ? traceback : Py_None};
+    PyObject* result = PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
+    Py_XDECREF(traceback);
+    if (result != nullptr) {
+        Py_DECREF(result);
+        if (error != nullptr) {
+            PyErr_SetRaisedException(error);
+        }
+    } else if (error != nullptr) {
+        PyObject* during_exit = PyErr_GetRaisedException();
+        PyException_SetContext(during_exit, error);
+        PyErr_SetRaisedException(during_exit);
+    } else {
+        // Left without an error but without `leave()` either: nobody can take this one.
+        PyErr_WriteUnraisable(condition_.get());
+    }
+}
+
+void raise_error(FunctionObject* fn, Name cls, const char* message) {
+    Ref error_class = global(fn, cls);
+    Ref error = call(error_class.get(), own(PyUnicode_FromString(message)).get());
+    if (!PyExceptionInstance_Check(error.get())) {
+        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+    } else {
+        // As a `raise` statement does, this chains the exception being handled, if any.
+        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    }
+    raise_current();
+}
+
+bool is_unbounded(FunctionObject* fn, PyObject* value) {
+    Ref math = global(fn, Name::math);
+    Ref isinf = getattr(math.get(), name(fn, Name::isinf));
+    return truthy(call(isinf.get(), value).get());
+}
+
+void add_shares(PyObject* module) {
+    ClassBuilder share(module, "Share", share_doc);
+    Ref nothing = lookup(module, "_nothing");
+    Ref defaults = own(PyTuple_Pack(1, nothing.get()));
+    share.add(share_methods[0], defaults.get());
+    for (const FunctionSpec& method : std::span(share_methods).subspan(1)) {
+        share.add(method);
+    }
+    bind(module, "Share", share.build());
+
+    ClassBuilder held(module, "_Held", held_doc, {{"holders", "int"}, {"amount", "float"}, {"unbounded", "int"}});
+    held.add("holders", integer(0));
+    held.add("amount", real(0.0));
+    held.add("unbounded", integer(0));
+    for (const FunctionSpec& method : held_methods) {
+        held.add(method);
+    }
+    bind(module, "_Held", as_dataclass(module, held.build()));
+
+    Ref kwdefaults = own(Py_BuildValue("{sOsO}", "deadline", Py_None, "clock", Py_None));
+    bind(module, "_wait", make_function(module, wait_spec, nullptr, kwdefaults.get()));
+}
+
+}  // namespace decision_bounds

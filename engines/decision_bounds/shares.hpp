@@ -1,0 +1,37 @@
+// Shares and admission: the give-back-exactly-once `Share`, the held-amount record `_Held` with the
+// one admission rule of every bound, and `_wait`, the bounded wait for room. Also the pieces the
+// bounds share: the `with` block on an owner's condition and the raising of the module's errors.
+#pragma once
+
+#include "module.hpp"
+
+namespace decision_bounds {
+
+// Binds `Share`, `_Held` and `_wait` in the module's namespace.
+void add_shares(PyObject* module);
+
+// A `with condition:` block. `leave()` ends it normally (what `__exit__` raises then passes out);
+// if the block is left by an exception instead, `__exit__` gets that exception, as the `with`
+// statement gives it, and an exception from `__exit__` itself is chained to it.
+class Holding {
+public:
+    Holding(FunctionObject* fn, PyObject* condition);
+    Holding(const Holding&) = delete;
+    Holding& operator=(const Holding&) = delete;
+    ~Holding();
+
+    void leave();
+
+private:
+    FunctionObject* fn_;
+    Ref condition_;
+    bool held_ = false;
+};
+
+// Raises the module's exception class `cls`, looked up in the namespace, with one message.
+[[noreturn]] void raise_error(FunctionObject* fn, Name cls, const char* message);
+
+// `math.isinf(value)`, with `math` looked up in the namespace.
+bool is_unbounded(FunctionObject* fn, PyObject* value);
+
+}  // namespace decision_bounds
