@@ -1,0 +1,185 @@
+import inspect
+import threading
+import types
+import typing
+
+import pytest
+
+from engines import decision_bounds as db
+
+
+def resolve(path):
+    obj = db
+    for part in path.split("."):
+        obj = vars(obj)[part] if isinstance(obj, type) else getattr(obj, part)
+    return obj
+
+
+# What each function looks like to its callers: signature, annotations and docstring.
+FUNCTIONS = {
+    "never": ("()", {"return": "bool"}, "A stop that never comes."),
+    "_nothing": ("(_reply)", {"_reply": "PaidReply | None", "return": "None"}, "Give back a share of nothing."),
+    "Share.__init__": (
+        "(self, give_back=_nothing)",
+        {"give_back": "Callable[[PaidReply | None], None]", "return": "None"},
+        "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
+        "(None: not paid).\n        ",
+    ),
+    "Share.settle": (
+        "(self, reply)",
+        {"reply": "PaidReply | None", "return": "None"},
+        "Give the share back, counting ``reply`` (None: the call was not paid); a share given\n        back already "
+        "is not given back again.",
+    ),
+    "Share.__enter__": ("(self)", {"return": "Share"}, None),
+    "Share.__exit__": ("(self, *_exc)", {"_exc": "object", "return": "None"}, None),
+    "_Held.admits": (
+        "(self, share, used, limit)",
+        {"share": "float", "used": "float", "limit": "float", "return": "bool"},
+        "Whether a call that would hold ``share`` may start: nothing unbounded is held, an\n        unbounded share is "
+        "held by no other call, and ``used`` plus what is held is below\n        ``limit``.",
+    ),
+    "_Held.take": ("(self, share)", {"share": "float", "return": "None"}, None),
+    "_Held.give_back": ("(self, share)", {"share": "float", "return": "None"}, None),
+    "_wait": (
+        "(changed, stopping, *, deadline=None, clock=None)",
+        {
+            "changed": "threading.Condition", "stopping": "Callable[[], bool]", "deadline": "float | None",
+            "clock": "Callable[[], float] | None", "return": "None",
+        },
+        "Wait, holding ``changed``, until a held share is given back or a poll interval passes.\n\n    Raises:\n"
+        "        DecisionStopped: The pass is stopping.\n        DecisionTimeout: ``deadline`` (on ``clock``) passed.\n"
+        "    ",
+    ),
+}
+
+
+def reference(path, params):
+    """A Python function with the same parameters and qualified name, to compare binding against."""
+    namespace = {"_nothing": db._nothing}
+    exec(f"def {path.rsplit('.', 1)[-1]}{params}: return None", namespace)
+    function = namespace[path.rsplit(".", 1)[-1]]
+    function.__qualname__ = path
+    return function
+
+
+@pytest.mark.parametrize("path", FUNCTIONS)
+def test_looks_like_a_python_function(path):
+    params, annotations, doc = FUNCTIONS[path]
+    function = resolve(path)
+    expected = inspect.signature(reference(path, params))
+    expected = expected.replace(
+        parameters=[p.replace(annotation=annotations.get(p.name, p.empty)) for p in expected.parameters.values()],
+        return_annotation=annotations["return"],
+    )
+    assert inspect.signature(function) == expected
+    assert (function.__name__, function.__qualname__, function.__module__) == (
+        path.rsplit(".", 1)[-1], path, db.__name__)
+    assert function.__doc__ == doc and function.__annotations__ == annotations
+    assert function.__globals__ is vars(db) and isinstance(function.__code__, types.CodeType)
+    assert list(function.__annotations__) == list(annotations)  # parameters in order, 'return' last
+    # The texts resolve in the module's namespace, as for a function written in Python.
+    hints = typing.get_type_hints(function)
+    assert set(hints) == set(annotations)
+    inspect.signature(function, eval_str=True)
+    assert repr(function).startswith(f"<function {path} at 0x")
+
+
+# Calls whose binding fails must fail exactly as they would for a Python function.
+CALLS = [
+    ((), {}), ((1,), {}), ((1, 2), {}), ((1, 2, 3), {}), ((1, 2, 3, 4, 5), {}), ((1, 2, 3, 4, 5, 6), {"z": 1}),
+    ((), {"bogus": 1}), ((1,), {"self": 2}), ((1, 2), {"deadline": 1}), ((1, 2, 3), {"deadline": 1, "clock": 2}),
+    ((), {"changed": 1}), ((), {"give_back": 1}), ((1,), {"reply": 2, "give_back": 3}), ((), {"_reply": 1}),
+    ((1,), {"_reply": 1}), ((1, 2), {"share": 3}), ((), {"share": 1, "used": 2}), ((1,), {"deadline": 1}),
+]
+
+
+@pytest.mark.parametrize("path", FUNCTIONS)
+def test_argument_errors_match_python(path):
+    function = resolve(path)
+    python = reference(path, FUNCTIONS[path][0])
+    checked = 0
+    for args, kwargs in CALLS:
+        try:
+            python(*args, **kwargs)
+        except TypeError as error:
+            with pytest.raises(TypeError) as native:
+                function(*args, **kwargs)
+            assert str(native.value) == str(error), (args, kwargs)
+            checked += 1
+    assert checked >= 5
+
+
+def test_binds_as_a_method():
+    share = db.Share()
+    method = share.settle
+    assert type(method) is types.MethodType and method.__self__ is share and method.__func__ is db.Share.settle
+    assert str(inspect.signature(method)) == "(reply: 'PaidReply | None') -> 'None'"
+    assert vars(db.Share)["settle"].__get__(None, db.Share) is db.Share.settle
+    with pytest.raises(TypeError, match=r"^Share.settle\(\) takes 2 positional arguments but 3 were given$"):
+        method(1, 2)
+
+
+def test_defaults_are_read_at_each_call(monkeypatch):
+    assert db.Share.__init__.__defaults__ == (db._nothing,) and db.Share.__init__.__defaults__[0] is db._nothing
+    marker = object()
+    monkeypatch.setattr(db.Share.__init__, "__defaults__", (marker,))
+    assert db.Share()._give_back is marker
+    monkeypatch.setattr(db._wait, "__kwdefaults__", {"clock": None})
+    with pytest.raises(TypeError, match=r"^_wait\(\) missing 1 required keyword-only argument: 'deadline'$"):
+        db._wait(threading.Condition(), db.never)
+    monkeypatch.setattr(db.Share.__init__, "__defaults__", None)
+    with pytest.raises(TypeError, match="missing 1 required positional argument: 'give_back'"):
+        db.Share()
+
+
+@pytest.mark.parametrize(
+    "attribute, value, error",
+    [("__name__", 3, TypeError), ("__qualname__", None, TypeError), ("__defaults__", [1], TypeError),
+     ("__kwdefaults__", (), TypeError), ("__annotations__", 1, TypeError), ("__globals__", {}, AttributeError),
+     ("__doc__", "new", None), ("__name__", "renamed", None), ("__module__", "elsewhere", None),
+     ("extra", 1, None)],
+)
+def test_attributes_are_checked_like_a_functions(attribute, value, error):
+    function = db._Held.take
+    before = getattr(function, attribute, None)
+    try:
+        if error:
+            with pytest.raises(error):
+                setattr(function, attribute, value)
+        else:
+            setattr(function, attribute, value)
+            assert getattr(function, attribute) == value
+    finally:
+        if attribute == "extra":
+            del function.extra
+        elif error is None:
+            setattr(function, attribute, before)
+    assert "extra" not in vars(function)
+
+
+@pytest.fixture
+def namespace_kept():
+    """Puts the module's namespace back as it was, in its order, after a test rebinds names."""
+    namespace = vars(db)
+    saved = dict(namespace)
+    yield
+    namespace.clear()
+    namespace.update(saved)
+
+
+def test_module_level_names_are_read_at_each_call(monkeypatch, namespace_kept):
+    class Always:
+        @staticmethod
+        def isinf(value):
+            return True
+
+    monkeypatch.setattr(db, "math", Always)
+    held = db._Held()
+    held.take(1.0)
+    assert (held.holders, held.unbounded, held.amount) == (1, 1, 0.0)
+    monkeypatch.delattr(db, "math")
+    with pytest.raises(NameError, match=r"^name 'math' is not defined$") as error:
+        held.take(1.0)
+    assert error.value.name == "math"
+

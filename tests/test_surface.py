@@ -1,0 +1,164 @@
+import inspect
+import pydoc
+import subprocess
+import sys
+import textwrap
+import typing
+
+import pytest
+
+from engines import decision_bounds as db
+
+MODULE_DOC = (
+    'The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a\n'
+    'batch pass and the daily cost cap.\n'
+    '\n'
+    'A paid call holds a :class:`Share` of each bound it counts against from the moment it is admitted\n'
+    "until it ends, and gives it back exactly once, whatever ends it: what it may cost of the day's cap,\n"
+    "and what it may use of its pass's tokens. A call is admitted only while what the settled calls used\n"
+    'plus what the admitted calls hold stays below the bound, so calls in flight at once cannot all pass\n'
+    'a check that each would pass alone. A call that the calls in flight leave no room for waits for one\n'
+    "of them to end: a tool's call no longer than its deadline, a batch pass's call until its pass\n"
+    'stops. It is refused only when what was settled fills the bound. A call is counted on the day it\n'
+    'settles (the ledger dates a paid reply when it is recorded), so a call admitted before midnight\n'
+    'holds its share of the new day.\n'
+    '\n'
+    'What a call may cost is not known before its reply: :class:`RequestRates` holds it at the most one\n'
+    "paid call has cost so far. A feature's first call, before any reply of that feature has a cost,\n"
+    'holds the whole of what is left and runs alone. The cost of a reply includes its output, which\n'
+    'nothing bounds before it comes, so a call may cost more than the most any call cost before it:\n'
+    '\n'
+    '    The settled spend of a day passes the cap by at most the cost of one call, plus what each call\n'
+    '    that costs more than the most an earlier call cost costs above that most. Such calls are the\n'
+    '    ones in flight when the most is raised: the calls admitted once a dearer reply has settled\n'
+    '    hold its cost. While no call costs more than the dearest earlier one, the day stops within one\n'
+    '    call of the cap.\n'
+)
+
+NAMESPACE = [
+    "annotations", "functools", "logging", "math", "threading", "Callable", "dataclass", "field", "Any",
+    "Protocol", "logger", "_POLL_S", "DecisionError", "DecisionBudgetExceeded", "DecisionUnavailable",
+    "DecisionTimeout", "DecisionStopped", "PaidReply", "never", "_nothing", "Share", "_Held", "_wait",
+    "_Charges", "RequestRates", "RunBudget", "DailySpend",
+]
+IMPORT_SYSTEM = {"__name__", "__doc__", "__package__", "__loader__", "__spec__", "__file__", "__builtins__"}
+
+
+def test_namespace_binds_the_names_in_order():
+    names = [n for n in vars(db) if n not in IMPORT_SYSTEM]
+    assert names == NAMESPACE[: len(names)] and len(names) >= NAMESPACE.index("_wait") + 1
+    assert not hasattr(db, "__all__")
+
+
+def test_module_values():
+    import __future__
+    import collections.abc
+    import dataclasses
+    import functools
+    import logging
+    import math
+    import threading
+
+    assert db.__doc__ == MODULE_DOC
+    assert type(db._POLL_S) is float and db._POLL_S == 0.1
+    assert db.logger is logging.getLogger(db.__name__) and db.logger.name == "engines.decision_bounds"
+    standard = {
+        "annotations": __future__.annotations, "functools": functools, "logging": logging, "math": math,
+        "threading": threading, "Callable": collections.abc.Callable, "dataclass": dataclasses.dataclass,
+        "field": dataclasses.field, "Any": typing.Any, "Protocol": typing.Protocol,
+    }
+    assert all(getattr(db, name) is value for name, value in standard.items())
+
+
+ERRORS = [
+    ("DecisionError", RuntimeError, "Raised when a decision call fails (after retries)."),
+    ("DecisionBudgetExceeded", "DecisionError",
+     "Raised when a ``RunBudget`` or the daily cost cap would be exceeded by another call."),
+    ("DecisionUnavailable", "DecisionError",
+     "Raised while the endpoint refuses requests: it is not asked until the window ends."),
+    ("DecisionTimeout", "DecisionError", "Raised when a call without a budget (a tool's) runs out of its deadline."),
+    ("DecisionStopped", "DecisionError", "Raised when the pass that a call belongs to has been asked to stop."),
+]
+
+
+@pytest.mark.parametrize("name, base, doc", ERRORS)
+def test_error_classes(name, base, doc):
+    cls = getattr(db, name)
+    base = getattr(db, base) if isinstance(base, str) else base
+    assert cls.__bases__ == (base,) and type(cls) is type
+    assert (cls.__name__, cls.__qualname__, cls.__module__, cls.__doc__) == (name, name, db.__name__, doc)
+    assert [k for k in vars(cls) if not k.startswith("__weakref")] == ["__module__", "__doc__"]
+    error = cls("the pass was asked to stop")
+    assert str(error) == "the pass was asked to stop" and error.args == ("the pass was asked to stop",)
+    with pytest.raises(RuntimeError):
+        raise error
+
+
+def test_paid_reply_is_a_protocol_of_three_read_only_properties():
+    proto = db.PaidReply
+    assert proto.__bases__ == (typing.Protocol,) and proto._is_protocol
+    assert proto.__doc__ == "What a bound reads of a reply (a ``DecisionResult``)."
+    assert proto.__module__ == db.__name__ and proto.__qualname__ == "PaidReply"
+    props = [k for k, v in vars(proto).items() if isinstance(v, property)]
+    assert props == ["cached", "input_tokens", "cost"]
+    for name, returns in zip(props, ["bool", "int", "float"]):
+        prop = vars(proto)[name]
+        assert prop.fset is None and prop.fdel is None
+        getter = prop.fget
+        assert (getter.__name__, getter.__qualname__, getter.__doc__) == (name, f"PaidReply.{name}", None)
+        assert getter.__annotations__ == {"return": returns}
+        assert str(inspect.signature(getter)) == f"(self) -> '{returns}'"
+    with pytest.raises(TypeError, match="runtime_checkable"):
+        isinstance(object(), proto)
+
+    class Bare(proto):
+        pass
+
+    bare = Bare()
+    assert (bare.cached, bare.input_tokens, bare.cost) == (None, None, None)
+
+
+def test_help_renders_the_module():
+    text = pydoc.render_doc(db, renderer=pydoc.plaintext)
+    assert "settle(self, reply: 'PaidReply | None') -> 'None'" in text
+    assert "never() -> 'bool'" in text and "A stop that never comes." in text
+
+
+@pytest.mark.parametrize(
+    "blocked", ["functools", "logging", "math", "threading", "collections.abc", "dataclasses", "typing", "__future__"]
+)
+def test_a_failing_standard_import_fails_the_import_unchanged(blocked):
+    code = textwrap.dedent(
+        f"""
+        import sys
+        import engines.decision_bounds  # built and found once, so only the blocked import differs
+        del sys.modules["engines.decision_bounds"]
+        sys.modules[{blocked!r}] = None
+        try:
+            import engines.decision_bounds
+        except ImportError as error:
+            print(type(error).__name__, error, "engines.decision_bounds" in sys.modules)
+        """
+    )
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert out.stdout.strip() == f"ModuleNotFoundError import of {blocked} halted; None in sys.modules False", out.stderr
+
+
+def test_an_exception_at_start_up_passes_through_unchanged():
+    code = textwrap.dedent(
+        """
+        import sys, dataclasses
+        import engines.decision_bounds
+        del sys.modules["engines.decision_bounds"]
+        marker = ValueError("no dataclasses today")
+        def refuse(cls):
+            raise marker
+        dataclasses.dataclass = refuse
+        try:
+            import engines.decision_bounds
+        except ValueError as error:
+            print(error is marker, error.__cause__, "engines.decision_bounds" in sys.modules)
+        """
+    )
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert out.stdout.strip() == "True None False", out.stderr
