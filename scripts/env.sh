@@ -42,12 +42,24 @@ ensure_venv() {
     fi
     if [ ! -f "$venv/.tools-installed" ] || [ "$root/pyproject.toml" -nt "$venv/.tools-installed" ]; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --upgrade pip
+        # The build tools, and the project's `test` and `demo` extras as pyproject.toml lists them.
+        local extras
+        mapfile -t extras < <("$venv/bin/python" - "$root/pyproject.toml" <<'PY'
+import sys, tomllib
+with open(sys.argv[1], "rb") as f:
+    wanted = tomllib.load(f)["project"]["optional-dependencies"]
+print("\n".join(need for extra in ("test", "demo") for need in wanted[extra]))
+PY
+)
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
-            'meson-python>=0.15' 'meson>=1.3' ninja 'pytest>=8' 'hypothesis>=6'
+            'meson-python>=0.15' 'meson>=1.3' ninja "${extras[@]}"
         touch "$venv/.tools-installed"
     fi
-    # An editable install: importing the module rebuilds it when a source has changed.
-    if ! "$venv/bin/python" -c 'import engines.decision_bounds' >/dev/null 2>&1; then
+    # An editable install: importing the module rebuilds it when a source has changed. The check runs
+    # outside the checkout: inside it, the source folder `engines/` imports as a namespace package
+    # and would pass for the module.
+    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; assert m.__file__') \
+        >/dev/null 2>&1; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --no-build-isolation \
             -Cbuild-dir=build/dev --editable "$root"
     fi
