@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "run_budget.hpp"
 #include "shares.hpp"
 
 namespace decision_bounds {
@@ -125,6 +126,7 @@ void start_up(PyObject* module) {
 
     add_errors_and_protocol(module);
     add_shares(module);
+    add_run_budget(module);
 }
 
 int exec_module(PyObject* module) noexcept {

@@ -16,7 +16,11 @@ namespace decision_bounds {
     X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) X(DecisionTimeout)            \
     X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
     X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
-    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)
+    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)                  \
+    X(should_stop) X(_held_tokens) X(_changed) X(calls) X(input_tokens) X(cost) X(cache_hits)     \
+    X(in_flight) X(max_calls) X(max_tokens) X(cost_usd) X(stopping) X(_exhausted_locked)          \
+    X(_summary_locked) X(admits) X(take) X(give_back) X(reserve) X(release) X(charge) X(cached)   \
+    X(round)
 
 enum class Name : int {
 #define DECISION_BOUNDS_ENUM(n) n,
