@@ -253,8 +253,8 @@ def test_many_threads_never_hold_more_than_the_rule_allows(reply):
             with budget.hold(tokens) as share:
                 time.sleep(rng.random() * 0.002)
                 if rng.random() < 0.6:
-                    paid.append(rng.randrange(3))
-                    share.settle(Falsy(cost=0.25, input_tokens=paid[-1]))
+                    paid.append(used := rng.randrange(3))
+                    share.settle(Falsy(cost=0.25, input_tokens=used))
 
     threads = [threading.Thread(target=run, args=(seed,), daemon=True) for seed in range(16)]
     for thread in threads:
