@@ -39,8 +39,14 @@ class Calendar:
 
 
 def lock_is_free(account):
+    """Whether another thread can take the account's lock now."""
     got = []
-    t = threading.Thread(target=lambda: got.append(account._changed.acquire(timeout=2) and account._changed.release()))
+
+    def take():
+        if account._changed.acquire(timeout=2):
+            got.append(account._changed.release())
+
+    t = threading.Thread(target=take, daemon=True)
     t.start()
     t.join(5)
     return got == [None]
@@ -122,20 +128,23 @@ def test_wait_ends(monkeypatch, ending, outcome):
         monkeypatch.setattr(db, "_POLL_S", 20.0)
     account = db.DailySpend(1.0, lambda: DAY, None)
     blocker = account.admit(lambda: math.inf, **NO_WAIT)
-    asked, ended, stop = [], [], threading.Event()
+    asked, ended, stop, waiting = [], [], threading.Event(), threading.Event()
     deadline = time.monotonic() + (0.2 if ending == "deadline" else 30.0)
+
+    def bound():
+        asked.append(account._changed._is_owned())
+        waiting.set()
+        return 0.1
 
     def waiter():
         try:
-            ended.append(account.admit(lambda: asked.append(account._changed._is_owned()) or 0.1,
-                                       deadline=deadline, clock=time.monotonic, stopping=stop.is_set))
+            ended.append(account.admit(bound, deadline=deadline, clock=time.monotonic, stopping=stop.is_set))
         except db.DecisionError as error:
             ended.append(error)
 
-    t = threading.Thread(target=waiter)
+    t = threading.Thread(target=waiter, daemon=True)
     t.start()
-    while not asked:
-        time.sleep(0.005)
+    assert waiting.wait(5)
     time.sleep(0.05)
     {"give_back": lambda: blocker.settle(None), "stop": stop.set, "deadline": lambda: None}[ending]()
     t.join(10)
@@ -207,7 +216,7 @@ def test_many_threads_stop_within_the_stated_overshoot():
             except db.DecisionBudgetExceeded:
                 return refused.append(1)
 
-    threads = [threading.Thread(target=worker) for _ in range(16)]
+    threads = [threading.Thread(target=worker, daemon=True) for _ in range(16)]
     for t in threads:
         t.start()
     for t in threads:

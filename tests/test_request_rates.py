@@ -68,7 +68,7 @@ def test_each_operation_holds_the_lock(op):
     rates = db.RequestRates()
     done = threading.Event()
     with rates._lock:
-        t = threading.Thread(target=lambda: (op(rates), done.set()))
+        t = threading.Thread(target=lambda: (op(rates), done.set()), daemon=True)
         t.start()
         assert not done.wait(0.1)
     t.join(5)
