@@ -16,11 +16,16 @@ from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, 
 from engines import decision_bounds as db
 
 
+KEPT = [db.Share, db._Held, db._nothing, db.never, db.DecisionStopped, type(db.never), db.logger]
+
+
 def growth(operation, rounds=4, per_round=2000):
-    """Traced memory and live objects added by the last rounds of `operation`, after a warm-up."""
+    """Traced memory, live objects and references to the module's objects that the last rounds of
+    `operation` added, after a warm-up."""
     for _ in range(per_round):
         operation()
     gc.collect()
+    references = [sys.getrefcount(k) for k in KEPT]
     tracemalloc.start()
     try:
         readings = []
@@ -31,7 +36,9 @@ def growth(operation, rounds=4, per_round=2000):
             readings.append((tracemalloc.get_traced_memory()[0], len(gc.get_objects())))
     finally:
         tracemalloc.stop()
-    return readings[-1][0] - readings[0][0], readings[-1][1] - readings[0][1]
+    after = [sys.getrefcount(k) for k in KEPT]
+    added = [a - b for a, b in zip(after, references)]
+    return readings[-1][0] - readings[0][0], readings[-1][1] - readings[0][1], added
 
 
 # Each operation uses new objects, so that a reference kept by mistake keeps memory alive.
@@ -86,12 +93,8 @@ OPERATIONS = [share_settled, share_left_in_a_block, held_round, binding_error, s
 
 @pytest.mark.parametrize("operation", OPERATIONS, ids=lambda op: op.__name__)
 def test_repeated_operations_leave_memory_flat(operation):
-    kept = [db.Share, db._Held, db._nothing, db.never, db.DecisionStopped, type(db.never), db.logger]
-    # Garbage left by earlier tests may still refer to these; collect it before counting.
-    gc.collect()
-    before = [sys.getrefcount(k) for k in kept]
-    memory, objects = growth(operation)
-    assert [sys.getrefcount(k) for k in kept] == before
+    memory, objects, references = growth(operation)
+    assert references == [0] * len(KEPT)
     # A reference leaked per call would add at least 2000 objects of 16 bytes or more per round.
     assert memory < 8 * 2000 and objects < 100, (memory, objects)
 
