@@ -129,7 +129,8 @@ class Stop:
         self.asked += 1
         if self.asked == self.raise_at:
             raise KeyError("stop")
-        self.waiting.set() if self.asked >= 2 else None
+        if self.asked >= 2:
+            self.waiting.set()
         return self.now
 
 
