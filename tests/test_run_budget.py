@@ -11,6 +11,8 @@ import pytest
 
 from engines import decision_bounds as db
 
+from support import lock_is_free
+
 DOC = """Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and
     the tokens it may use from :meth:`hold` until its share settles (:meth:`charge` or
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
@@ -132,14 +134,6 @@ class Stop:
         if self.asked >= 2:
             self.waiting.set()
         return self.now
-
-
-def lock_is_free(condition):
-    got = []
-    taker = threading.Thread(target=lambda: got.append(condition.acquire(timeout=2.0) and condition.release()))
-    taker.start()
-    taker.join(5.0)
-    return got == [None]
 
 
 def waiter(budget, stop, tokens=1.0):
