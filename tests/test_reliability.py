@@ -12,8 +12,6 @@ import tracemalloc
 import weakref
 
 import pytest
-from hypothesis import strategies as st
-from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 
 from engines import decision_bounds as db
 
@@ -245,70 +243,3 @@ def test_imports_and_works_in_an_interpreter_with_its_own_gil():
     )
     out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
     assert out.stdout.strip() == "ok", out.stderr
-
-
-shares = st.one_of(st.floats(min_value=0.0, max_value=1e6), st.integers(0, 10**6), st.just(math.inf))
-
-
-class HeldModel(RuleBasedStateMachine):
-    """`_Held` against a small model of its bookkeeping, one operation at a time."""
-
-    def __init__(self):
-        super().__init__()
-        self.held = db._Held()
-        self.taken = []
-        self.holders, self.amount, self.unbounded = 0, 0.0, 0
-        self.matched = True  # every give-back so far gave back a taken share
-
-    @rule(share=shares, used=st.floats(0.0, 2e6), limit=st.floats(0.0, 2e6))
-    def admits(self, share, used, limit):
-        if self.unbounded:
-            expected = False
-        elif math.isinf(share) and self.holders:
-            expected = False
-        else:
-            expected = used + self.amount < limit
-        assert self.held.admits(share, used, limit) is expected
-
-    @rule(share=shares)
-    def take(self, share):
-        self.held.take(share)
-        self.taken.append(share)
-        self.holders += 1
-        if math.isinf(share):
-            self.unbounded += 1
-        else:
-            self.amount += share
-
-    def _give_back(self, share):
-        self.held.give_back(share)
-        self.holders = max(0, self.holders - 1)
-        if math.isinf(share):
-            self.unbounded = max(0, self.unbounded - 1)
-        else:
-            self.amount = max(0.0, self.amount - share)
-        if self.holders == 0:
-            self.amount = 0.0
-
-    @precondition(lambda self: self.taken)
-    @rule(data=st.data())
-    def give_back_a_taken_share(self, data):
-        share = self.taken.pop(data.draw(st.integers(0, len(self.taken) - 1)))
-        self._give_back(share)
-
-    @rule(share=shares)
-    def give_back_more_than_taken(self, share):
-        self.matched = False
-        self._give_back(share)
-
-    @invariant()
-    def agrees(self):
-        assert (self.held.holders, self.held.amount, self.held.unbounded) == (self.holders, self.amount, self.unbounded)
-        assert self.held.amount >= 0.0 and self.held.unbounded >= 0
-        if self.matched:
-            assert self.held.holders >= self.held.unbounded
-        if self.held.holders == 0:
-            assert self.held.amount == 0.0 and type(self.held.amount) is float
-
-
-test_held_follows_its_model = HeldModel.TestCase
