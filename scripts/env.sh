@@ -55,11 +55,9 @@ PY
             'meson-python>=0.15' 'meson>=1.3' ninja "${extras[@]}"
         touch "$venv/.tools-installed"
     fi
-    # An editable install: importing the module rebuilds it when a source has changed. The check runs
-    # outside the checkout: inside it, the source folder `engines/` imports as a namespace package
-    # and would pass for the module.
-    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; assert m.__file__') \
-        >/dev/null 2>&1; then
+    # An editable install: importing the module rebuilds it when a source has changed.
+    # Checked from outside the checkout: there, `engines/decision_bounds/` is only the source folder.
+    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; m.Share') >/dev/null 2>&1; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --no-build-isolation \
             -Cbuild-dir=build/dev --editable "$root"
     fi

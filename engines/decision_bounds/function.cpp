@@ -1,5 +1,6 @@
 #include "function.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -139,7 +140,8 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     // The common case first: only positional arguments, exactly one per parameter.
     if (kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
         (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword)) {
-        std::memcpy(slots, args, sizeof(PyObject*) * static_cast<size_t>(nargs));
+        // A call without arguments may pass no array at all (`PyObject_CallNoArgs`).
+        std::copy_n(args, nargs, slots);
         return;
     }
     Shape shape = shape_of(spec);

@@ -4,6 +4,9 @@
 
 #include <new>
 
+#include "daily_spend.hpp"
+#include "request_rates.hpp"
+#include "run_budget.hpp"
 #include "shares.hpp"
 
 namespace decision_bounds {
@@ -125,6 +128,9 @@ void start_up(PyObject* module) {
 
     add_errors_and_protocol(module);
     add_shares(module);
+    add_request_rates(module);
+    add_run_budget(module);
+    add_daily_spend(module);
 }
 
 int exec_module(PyObject* module) noexcept {
