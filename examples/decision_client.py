@@ -14,6 +14,7 @@ from __future__ import annotations
 import argparse
 import contextlib
 import dataclasses
+import logging
 import math
 import os
 import queue
@@ -32,6 +33,7 @@ from engines import decision_bounds as db
 
 try:
     from rich.console import Console
+    from rich.logging import RichHandler
     from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeElapsedColumn
     from rich.table import Table
 except ImportError:  # pragma: no cover - the demo's extra is missing
@@ -716,6 +718,12 @@ def main(argv: Sequence[str] | None = None) -> int:
         console = Console()
         if not console.is_terminal:
             console = Console(width=120)  # a log or a pipe: no wrapping of the table
+        # The module's warnings (the cap reached, a ledger it could not read) go above the progress.
+        logging.basicConfig(
+            level=logging.WARNING,
+            format="%(name)s: %(message)s",
+            handlers=[RichHandler(console=console, show_time=False, show_path=False)],
+        )
         calendar = Calendar(datetime.now(UTC).date())
         client = Client(options, ledger, calendar)
         where = options.ledger or "a temporary file (--ledger PATH keeps one)"
