@@ -9,13 +9,9 @@ from pathlib import Path
 
 import pytest
 
-from engines import decision_bounds
-
 pytest.importorskip("rich", reason="the demo's extra is not installed in this environment")
 
 DEMO = Path(__file__).resolve().parent.parent / "examples" / "decision_client.py"
-LANDED = all(hasattr(decision_bounds, name) for name in ("RequestRates", "RunBudget", "DailySpend"))
-needs_bounds = pytest.mark.skipif(not LANDED, reason="RequestRates, RunBudget and DailySpend are not built yet")
 
 
 def demo(*args):
@@ -56,7 +52,6 @@ def ledger_rows(path):
         return db.execute("SELECT day, SUM(cost), COUNT(*) FROM paid_replies GROUP BY day ORDER BY day").fetchall()
 
 
-@needs_bounds
 def test_a_run_reports_each_day_and_keeps_the_promise(tmp_path):
     ledger, picture = tmp_path / "ledger.sqlite3", tmp_path / "spend.png"
     args = ["--days", "2", "--threads", "4", "--calls", "60", "--cap", "0.08", "--seed", "7"]
@@ -78,7 +73,6 @@ def test_a_run_reports_each_day_and_keeps_the_promise(tmp_path):
     assert f"${sum(spent for _, spent, _ in rows):.4f}" in first_row
 
 
-@needs_bounds
 def test_ctrl_c_stops_the_pass_and_leaves_the_ledger_consistent(tmp_path):
     ledger = tmp_path / "ledger.sqlite3"
     process = subprocess.Popen(

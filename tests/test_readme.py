@@ -7,11 +7,8 @@ from pathlib import Path
 
 import pytest
 
-from engines import decision_bounds
-
 README = Path(__file__).resolve().parent.parent / "README.md"
 BLOCKS = re.findall(r"^```python\n(.*?)^```$", README.read_text(), flags=re.DOTALL | re.MULTILINE)
-LATER = [name for name in ("RequestRates", "RunBudget", "DailySpend") if not hasattr(decision_bounds, name)]
 
 
 def test_the_readme_has_python_blocks():
@@ -20,8 +17,6 @@ def test_the_readme_has_python_blocks():
 
 @pytest.mark.parametrize("block", BLOCKS, ids=lambda block: block.strip().splitlines()[-1][:40])
 def test_readme_block_runs(block, tmp_path):
-    if any(f"db.{name}" in block for name in LATER):
-        pytest.skip(f"{', '.join(LATER)} not built yet")
     done = subprocess.run(
         [sys.executable, "-c", block], cwd=tmp_path, capture_output=True, text=True, timeout=60
     )
