@@ -628,7 +628,7 @@ def show(console: Console, client: Client, interrupted: bool) -> bool:
     table = Table(title=f"Paid calls per simulated UTC day, against a daily cap of ${cap:.2f}")
     for heading in ("day (UTC)", "from ledger", "paid calls", "cache hits", "refused", "waited", "timed out",
                     "spend of cap", "ledger"):
-        table.add_column(heading, justify="left" if heading == "day (UTC)" else "right")
+        table.add_column(heading, justify="left" if heading == "day (UTC)" else "right", no_wrap=True)
     lines = []
     kept = True
     for report in client.observer.reports.values():
@@ -636,7 +636,7 @@ def show(console: Console, client: Client, interrupted: bool) -> bool:
         consistent = all(
             math.isclose(report.ledger, figure, rel_tol=0, abs_tol=1e-9) for figure in (report.account, report.spend)
         )
-        refused = f"{report.cap_refusals} cap" + (f", {report.pass_refusals} pass" if report.pass_refusals else "")
+        refused = f"{report.cap_refusals} cap" + (f" {report.pass_refusals} pass" if report.pass_refusals else "")
         table.add_row(
             report.day,
             f"${report.started_at:.4f}",
@@ -646,7 +646,7 @@ def show(console: Console, client: Client, interrupted: bool) -> bool:
             str(report.waits),
             str(report.timeouts),
             f"${report.account:.4f} {report.account / cap:.0%}",
-            f"${report.ledger:.4f} " + ("agrees" if consistent else "DIFFERS"),
+            "agrees" if consistent else f"${report.ledger:.4f} DIFFERS",
         )
         held, how = verdict(report, cap)
         kept = kept and held and consistent
