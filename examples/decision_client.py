@@ -415,8 +415,9 @@ class Client:
             if not request.cached and unknown and request.feature not in opening:
                 opening[request.feature] = request
         work: queue.SimpleQueue[Request] = queue.SimpleQueue()
+        first_calls = {id(request) for request in opening.values()}
         for request in requests:
-            if request not in opening.values():
+            if id(request) not in first_calls:
                 work.put(request)
         opened = threading.Event()
 
