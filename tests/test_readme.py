@@ -21,3 +21,17 @@ def test_readme_block_runs(block, tmp_path):
         [sys.executable, "-c", block], cwd=tmp_path, capture_output=True, text=True, timeout=60
     )
     assert done.returncode == 0, done.stderr
+
+
+@pytest.mark.parametrize("block", BLOCKS, ids=lambda block: block.strip().splitlines()[-1][:40])
+def test_readme_block_type_checks_against_the_stubs(block, tmp_path):
+    pytest.importorskip("mypy", reason="mypy is not installed in this environment")
+    (tmp_path / "block.py").write_text(block)
+    done = subprocess.run(
+        [sys.executable, "-m", "mypy", "--strict", "--no-incremental", str(tmp_path / "block.py")],
+        cwd=README.parent,  # where `engines` and its stubs are found
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
+    assert done.returncode == 0, done.stdout + done.stderr
