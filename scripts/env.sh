@@ -47,7 +47,7 @@ ensure_venv() {
         touch "$venv/.tools-installed"
     fi
     # An editable install: importing the module rebuilds it when a source has changed.
-    if ! "$venv/bin/python" -c 'import engines.decision_bounds' >/dev/null 2>&1; then
+    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds') >/dev/null 2>&1; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --no-build-isolation \
             -Cbuild-dir=build/dev --editable "$root"
     fi
