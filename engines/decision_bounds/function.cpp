@@ -519,6 +519,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults
     fn->vectorcall = function_vectorcall;
     fn->spec = &spec;
     fn->module = Py_NewRef(module);
+    fn->state = &state_of(module);
     fn->globals = Py_NewRef(PyModule_GetDict(module));
     fn->module_name = nullptr;
     fn->name = fn->qualname = fn->doc = nullptr;

@@ -22,6 +22,7 @@ struct Param {
 };
 
 struct FunctionObject;
+struct ModuleState;
 
 // A body gets the bound arguments, one borrowed reference per named parameter in the order of the
 // spec (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
@@ -44,6 +45,7 @@ struct FunctionObject {
     vectorcallfunc vectorcall;
     const FunctionSpec* spec;
     PyObject* module;       // the defining module: its state and namespace
+    ModuleState* state;     // the module's state, which lives as long as the module
     PyObject* globals;      // the module's namespace (`__globals__`)
     PyObject* module_name;  // `__module__`
     PyObject* name;         // `__name__`, `__qualname__`, `__doc__`: made from the spec when first read

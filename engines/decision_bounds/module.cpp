@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "fast.hpp"
 #include "shares.hpp"
 
 namespace decision_bounds {
@@ -122,6 +123,7 @@ void start_up(PyObject* module) {
     Ref get_logger = getattr(lookup(module, "logging").get(), text("getLogger").get());
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
     bind(module, "_POLL_S", own(PyFloat_FromDouble(0.1)));
+    init_fast_paths(module);
 
     add_errors_and_protocol(module);
     add_shares(module);
@@ -143,6 +145,7 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
         Py_VISIT(state->function_type);
+        return traverse_fast_paths(state->fast, visit, arg);
     }
     return 0;
 }
@@ -151,6 +154,7 @@ int clear_module(PyObject* module) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
         Py_CLEAR(state->function_type);
+        clear_fast_paths(state->fast);
         for (PyObject*& interned : state->names) {
             Py_CLEAR(interned);
         }

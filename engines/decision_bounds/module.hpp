@@ -16,7 +16,8 @@ namespace decision_bounds {
     X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) X(DecisionTimeout)            \
     X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
     X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
-    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)
+    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname) X(_lock)        \
+    X(_waiters) X(_is_owned) X(notify)
 
 enum class Name : int {
 #define DECISION_BOUNDS_ENUM(n) n,
@@ -25,15 +26,31 @@ enum class Name : int {
         count
 };
 
+// The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
+struct FastPaths {
+    PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class seen at
+    unsigned int condition_version;  // start-up: any change to the class gives it another
+    PyTypeObject* deque_type;        // its `_waiters`
+    PyTypeObject* rlock_type;        // the reentrant lock it makes by default
+    PyCFunctionWithKeywords rlock_acquire;
+    PyCFunction rlock_release;
+    PyCFunction rlock_is_owned;
+    PyObject* math_module;           // `math` and its `isinf`
+    PyObject* math_isinf;
+    PyObject* empty_tuple;
+};
+
 struct ModuleState {
     PyTypeObject* function_type;
     PyObject* names[static_cast<int>(Name::count)];
+    FastPaths fast;
 };
 
 ModuleState& state_of(PyObject* module);
 
 inline PyObject* name(PyObject* module, Name n) { return state_of(module).names[static_cast<int>(n)]; }
-inline PyObject* name(FunctionObject* fn, Name n) { return name(fn->module, n); }
+inline ModuleState& state_of(FunctionObject* fn) { return *fn->state; }
+inline PyObject* name(FunctionObject* fn, Name n) { return fn->state->names[static_cast<int>(n)]; }
 
 // Looks up a module-level name as the code of a Python module would at each use: the module's
 // namespace, then the builtins; `NameError` when it is in neither.

@@ -62,28 +62,43 @@ Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 Ref held_admits(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    if (truthy(getattr(self, name(fn, Name::unbounded)).get())) {
+    if (truthy(get_field(self, name(fn, Name::unbounded)).get())) {
         return boolean(false);
     }
-    if (is_unbounded(fn, share) && truthy(getattr(self, name(fn, Name::holders)).get())) {
+    if (is_unbounded(fn, share) && truthy(get_field(self, name(fn, Name::holders)).get())) {
         return boolean(false);
     }
-    Ref amount = getattr(self, name(fn, Name::amount));
-    Ref total = own(PyNumber_Add(args[2], amount.get()));
-    return own(PyObject_RichCompare(total.get(), args[3], Py_LT));
+    Ref amount = get_field(self, name(fn, Name::amount));
+    PyObject* used = args[2];
+    PyObject* limit = args[3];
+    if (PyFloat_CheckExact(used) && PyFloat_CheckExact(amount.get()) && PyFloat_CheckExact(limit)) {
+        return boolean(PyFloat_AS_DOUBLE(used) + PyFloat_AS_DOUBLE(amount.get()) < PyFloat_AS_DOUBLE(limit));
+    }
+    Ref total = own(PyNumber_Add(used, amount.get()));
+    return own(PyObject_RichCompare(total.get(), limit, Py_LT));
 }
 
 // `self.<counter> += step`
 void add_to(PyObject* self, PyObject* counter, PyObject* step) {
-    Ref value = getattr(self, counter);
-    setattr(self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
+    Ref value = get_field(self, counter);
+    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step)) {
+        set_field(self, counter, real(PyFloat_AS_DOUBLE(value.get()) + PyFloat_AS_DOUBLE(step)).get());
+        return;
+    }
+    set_field(self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
 }
 
 // `self.<counter> = max(floor, self.<counter> - step)`
 void take_from(PyObject* self, PyObject* counter, PyObject* step, const Ref& floor) {
-    Ref value = getattr(self, counter);
+    Ref value = get_field(self, counter);
+    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step) && PyFloat_CheckExact(floor.get())) {
+        // As `max` keeps the floor unless the difference is greater (so also when it is not a number).
+        double less = PyFloat_AS_DOUBLE(value.get()) - PyFloat_AS_DOUBLE(step);
+        set_field(self, counter, less > PyFloat_AS_DOUBLE(floor.get()) ? real(less).get() : floor.get());
+        return;
+    }
     Ref less = own(PyNumber_Subtract(value.get(), step));
-    setattr(self, counter, maximum(floor.get(), less.get()).get());
+    set_field(self, counter, maximum(floor.get(), less.get()).get());
 }
 
 Ref held_take(FunctionObject* fn, PyObject* const* args) {
@@ -108,9 +123,9 @@ Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
         take_from(self, name(fn, Name::amount), share, real(0.0));
     }
     // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
-    Ref holders = getattr(self, name(fn, Name::holders));
+    Ref holders = get_field(self, name(fn, Name::holders));
     if (compare(holders.get(), integer(0).get(), Py_EQ)) {
-        setattr(self, name(fn, Name::amount), real(0.0).get());
+        set_field(self, name(fn, Name::amount), real(0.0).get());
     }
     return none();
 }
@@ -171,13 +186,29 @@ constexpr FunctionSpec wait_spec = {
 }  // namespace
 
 Holding::Holding(FunctionObject* fn, PyObject* condition) : fn_(fn), condition_(Ref::borrow(condition)) {
-    call_method(condition, name(fn, Name::__enter__));
+    find_direct_lock(fn, condition, direct_);
+    if (direct_) {
+        acquire_direct(direct_);
+    } else {
+        call_method(condition, name(fn, Name::__enter__));
+    }
     held_ = true;
 }
 
 void Holding::leave() {
     held_ = false;
-    call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
+    if (direct_) {
+        own(release_direct(direct_));
+    } else {
+        call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
+    }
+}
+
+void Holding::notify_all() {
+    if (direct_ && nobody_waits(fn_, direct_, condition_.get())) {
+        return;
+    }
+    call_method(condition_.get(), name(fn_, Name::notify_all));
 }
 
 Holding::~Holding() {
@@ -188,7 +219,8 @@ Holding::~Holding() {
     PyObject* type = error ? reinterpret_cast<PyObject*>(Py_TYPE(error)) : Py_None;
     PyObject* traceback = error ? PyException_GetTraceback(error) : nullptr;
     PyObject* args[] = {condition_.get(), type, error ? error : Py_None, traceback ? traceback : Py_None};
-    PyObject* result = PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
+    PyObject* result = direct_ ? release_direct(direct_)
+                               : PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
     Py_XDECREF(traceback);
     if (result != nullptr) {
         Py_DECREF(result);
@@ -218,6 +250,10 @@ void raise_error(FunctionObject* fn, Name cls, const char* message) {
 }
 
 bool is_unbounded(FunctionObject* fn, PyObject* value) {
+    bool result;
+    if (isinf_directly(fn, value, &result)) {
+        return result;
+    }
     Ref math = global(fn, Name::math);
     Ref isinf = getattr(math.get(), name(fn, Name::isinf));
     return truthy(call(isinf.get(), value).get());

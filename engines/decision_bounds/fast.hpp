@@ -1,0 +1,56 @@
+// Shortcuts through the standard objects that the hot paths use, taken only when the object is
+// exactly the standard one, unchanged since start-up; any other object gets the plain calls.
+//
+// What is known at start-up is kept in the module state (`FastPaths`): the standard
+// `threading.Condition` class with the version its class had (any change to the class gives it
+// another), the C functions of the reentrant lock it makes by default, and the `math` module with
+// its `isinf`.
+#pragma once
+
+#include "module.hpp"
+
+namespace decision_bounds {
+
+// Finds the standard objects (at start-up, after the imports are bound).
+void init_fast_paths(PyObject* module);
+int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg);
+void clear_fast_paths(FastPaths& fast);
+
+// The lock inside `condition` and how to take it directly, when `condition` is exactly a standard
+// `threading.Condition` whose class is as the standard library defines it, over the standard
+// reentrant lock. Null otherwise: the caller then uses the condition's own methods.
+struct DirectLock {
+    PyObject* lock = nullptr;  // owned when set
+    const FastPaths* fast = nullptr;
+
+    DirectLock() = default;
+    DirectLock(const DirectLock&) = delete;
+    DirectLock& operator=(const DirectLock&) = delete;
+    ~DirectLock() { Py_XDECREF(lock); }
+
+    explicit operator bool() const noexcept { return lock != nullptr; }
+};
+
+// Fills `direct` when the shortcut applies; may raise only what reading `_lock` raises.
+void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direct);
+// `lock.acquire()` / `lock.release()` of the standard reentrant lock, by its C functions. Acquiring
+// waits with the interpreter lock released, as the method does.
+void acquire_direct(const DirectLock& direct);
+// Returns null with the error set on failure (so that it can run while an error is being carried).
+PyObject* release_direct(const DirectLock& direct) noexcept;
+// Whether `condition.notify_all()` would do nothing: its class is the standard one, unchanged, its
+// `notify_all` and `notify` are not shadowed on the instance, its `_is_owned` says that this thread
+// holds the lock, and its `_waiters` is empty. False when in doubt: the caller then calls the method.
+bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condition);
+
+// `object.<key>` and `object.<key> = value` for a plain instance attribute: straight in the
+// object's dict when its class adds nothing between (the generic attribute access, and no data
+// descriptor of that name), through the usual attribute calls otherwise.
+Ref get_field(PyObject* object, PyObject* key);
+void set_field(PyObject* object, PyObject* key, PyObject* value);
+
+// Whether `value` is an exact float or int and the namespace's `math.isinf` is the standard one,
+// in which case `*result` is what `math.isinf(value)` returns.
+bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result);
+
+}  // namespace decision_bounds
