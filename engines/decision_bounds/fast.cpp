@@ -97,6 +97,18 @@ void init_fast_paths(PyObject* module) {
         }
     }
 
+    Ref allocate = attribute(thread.get(), "allocate_lock");
+    Ref plain = call(allocate.get());
+    auto* lock_type = Py_TYPE(plain.get());
+    if (PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE)) {
+        fast.lock_acquire = reinterpret_cast<PyCFunctionWithKeywords>(
+            reinterpret_cast<void (*)()>(c_function(lock_type, "acquire", METH_VARARGS | METH_KEYWORDS)));
+        fast.lock_release = c_function(lock_type, "release", METH_NOARGS);
+        if (fast.lock_acquire && fast.lock_release) {
+            fast.lock_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(lock_type));
+        }
+    }
+
     Ref math = own(PyImport_ImportModule("math"));
     fast.math_isinf = attribute(math.get(), "isinf").release();
     fast.math_module = math.release();
@@ -106,6 +118,7 @@ int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg) {
     Py_VISIT(fast.condition_type);
     Py_VISIT(fast.deque_type);
     Py_VISIT(fast.rlock_type);
+    Py_VISIT(fast.lock_type);
     Py_VISIT(fast.math_module);
     Py_VISIT(fast.math_isinf);
     return 0;
@@ -115,6 +128,7 @@ void clear_fast_paths(FastPaths& fast) {
     Py_CLEAR(fast.condition_type);
     Py_CLEAR(fast.deque_type);
     Py_CLEAR(fast.rlock_type);
+    Py_CLEAR(fast.lock_type);
     Py_CLEAR(fast.math_module);
     Py_CLEAR(fast.math_isinf);
     Py_CLEAR(fast.empty_tuple);
@@ -122,11 +136,21 @@ void clear_fast_paths(FastPaths& fast) {
     fast.rlock_acquire = nullptr;
     fast.rlock_release = nullptr;
     fast.rlock_is_owned = nullptr;
+    fast.lock_acquire = nullptr;
+    fast.lock_release = nullptr;
 }
 
 void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direct) {
     const FastPaths& fast = state_of(fn).fast;
     PyTypeObject* type = Py_TYPE(condition);
+    if (type == fast.lock_type && type != nullptr) {
+        // Its class cannot change: its `__enter__` and `__exit__` are its C `acquire` and `release`.
+        direct.lock = Py_NewRef(condition);
+        direct.acquire = fast.lock_acquire;
+        direct.release = fast.lock_release;
+        direct.fast = &fast;
+        return;
+    }
     // `with condition:` runs the class's `__enter__` and `__exit__`, which only pass on to the
     // lock's own: the class must be the standard one, changed in nothing since start-up.
     if (type != fast.condition_type || type->tp_version_tag != fast.condition_version) {
@@ -138,20 +162,22 @@ void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direc
         return;
     }
     direct.lock = Py_NewRef(lock);
+    direct.acquire = fast.rlock_acquire;
+    direct.release = fast.rlock_release;
     direct.fast = &fast;
 }
 
 void acquire_direct(const DirectLock& direct) {
-    Ref done = own(direct.fast->rlock_acquire(direct.lock, direct.fast->empty_tuple, nullptr));
+    Ref done = own(direct.acquire(direct.lock, direct.fast->empty_tuple, nullptr));
 }
 
-PyObject* release_direct(const DirectLock& direct) noexcept { return direct.fast->rlock_release(direct.lock, nullptr); }
+PyObject* release_direct(const DirectLock& direct) noexcept { return direct.release(direct.lock, nullptr); }
 
 bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condition) {
     const FastPaths& fast = *direct.fast;
     // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
     // empty, once `self._is_owned()` has said that this thread holds the lock.
-    if (Py_TYPE(condition)->tp_version_tag != fast.condition_version) {
+    if (Py_TYPE(condition) != fast.condition_type || Py_TYPE(condition)->tp_version_tag != fast.condition_version) {
         return false;
     }
     PyObject* dict = instance_dict(condition);

@@ -16,11 +16,14 @@ void init_fast_paths(PyObject* module);
 int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg);
 void clear_fast_paths(FastPaths& fast);
 
-// The lock inside `condition` and how to take it directly, when `condition` is exactly a standard
-// `threading.Condition` whose class is as the standard library defines it, over the standard
-// reentrant lock. Null otherwise: the caller then uses the condition's own methods.
+// The lock that a `with` block on `object` takes, and how to take it directly: `object` itself when
+// it is exactly a standard `threading.Lock()`; the lock inside it when it is exactly a standard
+// `threading.Condition`, its class unchanged since start-up, over the standard reentrant lock. Null
+// otherwise: the caller then uses the object's own `__enter__` and `__exit__`.
 struct DirectLock {
     PyObject* lock = nullptr;  // owned when set
+    PyCFunctionWithKeywords acquire = nullptr;
+    PyCFunction release = nullptr;
     const FastPaths* fast = nullptr;
 
     DirectLock() = default;
@@ -32,9 +35,9 @@ struct DirectLock {
 };
 
 // Fills `direct` when the shortcut applies; may raise only what reading `_lock` raises.
-void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direct);
-// `lock.acquire()` / `lock.release()` of the standard reentrant lock, by its C functions. Acquiring
-// waits with the interpreter lock released, as the method does.
+void find_direct_lock(FunctionObject* fn, PyObject* object, DirectLock& direct);
+// `lock.acquire()` / `lock.release()` of the standard lock, by its C functions. Acquiring waits
+// with the interpreter lock released, as the method does.
 void acquire_direct(const DirectLock& direct);
 // Returns null with the error set on failure (so that it can run while an error is being carried).
 PyObject* release_direct(const DirectLock& direct) noexcept;

@@ -103,11 +103,41 @@ void raise_too_many(FunctionObject* fn, const Shape& shape, Py_ssize_t given, Py
     raise_current();
 }
 
+// Whether a str equals an ASCII text; without decoding for the usual compact ASCII str.
+bool equals_ascii(PyObject* text, const char* ascii) {
+    if (PyUnicode_IS_COMPACT_ASCII(text)) {
+        const char* data = static_cast<const char*>(PyUnicode_DATA(text));
+        Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+        for (Py_ssize_t i = 0; i < length; ++i) {
+            if (ascii[i] == '\0' || ascii[i] != data[i]) {
+                return false;
+            }
+        }
+        return ascii[length] == '\0';
+    }
+    return PyUnicode_CompareWithASCIIString(text, ascii) == 0;
+}
+
+// The named parameters in the order of the bound slots, listed once per binding.
+struct Named {
+    const Param* params[max_params];
+    Py_ssize_t count = 0;
+
+    Named(const FunctionSpec& spec) {
+        for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
+            for (const Param& p : spec.params) {
+                if (p.kind == kind) {
+                    params[count++] = &p;
+                }
+            }
+        }
+    }
+};
+
 // Finds the slot of a keyword argument, or -1.
-Py_ssize_t slot_of_keyword(const FunctionSpec& spec, const Shape& shape, PyObject* keyword) {
-    Py_ssize_t named = shape.positional + shape.keyword_only;
-    for (Py_ssize_t i = 0; i < named; ++i) {
-        if (PyUnicode_CompareWithASCIIString(keyword, named_param(spec, shape, i).name) == 0) {
+Py_ssize_t slot_of_keyword(const Named& named, PyObject* keyword) {
+    for (Py_ssize_t i = 0; i < named.count; ++i) {
+        if (equals_ascii(keyword, named.params[i]->name)) {
             return i;
         }
     }
@@ -123,7 +153,7 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
     PyObject* key;
     PyObject* value;
     while (PyDict_Next(kwdefaults, &pos, &key, &value)) {
-        if (PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, param) == 0) {
+        if (PyUnicode_Check(key) && equals_ascii(key, param)) {
             return value;
         }
     }
@@ -143,6 +173,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
         return;
     }
     Shape shape = shape_of(spec);
+    Named order(spec);
     Py_ssize_t named = shape.positional + shape.keyword_only;
     Py_ssize_t taken = nargs < shape.positional ? nargs : shape.positional;
     for (Py_ssize_t i = 0; i < taken; ++i) {
@@ -154,7 +185,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < nkw; ++k) {
         PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
-        Py_ssize_t i = slot_of_keyword(spec, shape, keyword);
+        Py_ssize_t i = slot_of_keyword(order, keyword);
         if (i < 0) {
             PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(fn), keyword);
             raise_current();
@@ -192,7 +223,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
         bool missing = false;
         for (Py_ssize_t i = shape.positional; i < named; ++i) {
             if (slots[i] == nullptr) {
-                found[i] = keyword_default(fn->kwdefaults, named_param(spec, shape, i).name);
+                found[i] = keyword_default(fn->kwdefaults, order.params[i]->name);
                 missing = missing || found[i] == nullptr;
             }
         }

@@ -35,6 +35,9 @@ struct FastPaths {
     PyCFunctionWithKeywords rlock_acquire;
     PyCFunction rlock_release;
     PyCFunction rlock_is_owned;
+    PyTypeObject* lock_type;         // `threading.Lock()`'s class, the plain lock
+    PyCFunctionWithKeywords lock_acquire;
+    PyCFunction lock_release;
     PyObject* math_module;           // `math` and its `isinf`
     PyObject* math_isinf;
     PyObject* empty_tuple;
