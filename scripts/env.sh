@@ -47,7 +47,8 @@ ensure_venv() {
         touch "$venv/.tools-installed"
     fi
     # An editable install: importing the module rebuilds it when a source has changed.
-    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds') >/dev/null 2>&1; then
+    # Checked from outside the checkout: there, `engines/decision_bounds/` is only the source folder.
+    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; m.Share') >/dev/null 2>&1; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --no-build-isolation \
             -Cbuild-dir=build/dev --editable "$root"
     fi

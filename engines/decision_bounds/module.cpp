@@ -4,7 +4,9 @@
 
 #include <new>
 
+#include "daily_spend.hpp"
 #include "fast.hpp"
+#include "request_rates.hpp"
 #include "shares.hpp"
 
 namespace decision_bounds {
@@ -127,6 +129,8 @@ void start_up(PyObject* module) {
 
     add_errors_and_protocol(module);
     add_shares(module);
+    add_request_rates(module);
+    add_daily_spend(module);
 }
 
 int exec_module(PyObject* module) noexcept {

@@ -1,0 +1,272 @@
+import functools
+import inspect
+import logging
+import math
+import random
+import sys
+import threading
+import time
+from types import SimpleNamespace
+
+import pytest
+
+from engines import decision_bounds as db
+
+LEDGER_WARNING = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
+CAP_WARNING = ("The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
+               "tomorrow, cached answers are still used")
+NO_WAIT = dict(deadline=None, clock=time.monotonic, stopping=lambda: False)
+DAY, NEXT = "2026-03-01", "2026-03-02"
+
+
+def Reply(cost=0.0, input_tokens=0, cached=False):
+    return SimpleNamespace(cost=cost, input_tokens=input_tokens, cached=cached)
+
+
+class Calendar:
+    """Today's date, which a test moves on, and a ledger answering from a table (or raising) that counts calls."""
+
+    def __init__(self, figures=()):
+        self.day, self.figures, self.asked = DAY, dict(figures), []
+        self.today = lambda: self.day
+
+    def ledger(self, day):
+        self.asked.append(day)
+        figure = self.figures.get(day, 0.0)
+        if isinstance(figure, BaseException):
+            raise figure
+        return figure
+
+
+def lock_is_free(account):
+    """Whether another thread can take the account's lock now."""
+    got = []
+
+    def take():
+        if account._changed.acquire(timeout=2):
+            got.append(account._changed.release())
+
+    t = threading.Thread(target=take, daemon=True)
+    t.start()
+    t.join(5)
+    return got == [None]
+
+
+def logged(caplog, message):
+    return [r for r in caplog.records if r.name == db.__name__ and r.msg == message]
+
+
+@pytest.mark.parametrize("figure, spent, error", [
+    (1.5, 1.5, None), ("2.25", 2.25, None), (None, 0.0, TypeError), ("lots", 0.0, ValueError),
+    (OSError("disk"), 0.0, OSError)])
+def test_ledger_reading(caplog, figure, spent, error):
+    calendar = Calendar({DAY: figure})
+    account = db.DailySpend(10.0, calendar.today, calendar.ledger)
+    try:
+        raise LookupError
+    except LookupError as outer:
+        assert [account.spent(), account.spent()] == [spent] * 2 and type(account.spent()) is float
+        assert sys.exc_info()[1] is outer  # the ledger's error was the handled one only while logged
+    assert calendar.asked == [DAY] and account._day == DAY
+    records = logged(caplog, LEDGER_WARNING)
+    assert [(r.levelno, r.args, r.exc_info and r.exc_info[0]) for r in records] == (
+        [(logging.WARNING, (DAY,), error)] if error else [])
+    if isinstance(figure, OSError):
+        assert records[0].exc_info[1] is figure and records[0].exc_info[2] is not None
+
+
+def test_no_ledger_and_an_interrupted_ledger():
+    assert db.DailySpend(10.0, lambda: DAY, None).spent() == 0.0
+    calendar = Calendar({DAY: KeyboardInterrupt()})
+    account = db.DailySpend(10.0, calendar.today, calendar.ledger)
+    for _ in range(2):
+        with pytest.raises(KeyboardInterrupt):
+            account.spent()
+        assert account._day == "" and lock_is_free(account)
+    assert calendar.asked == [DAY] * 2
+
+
+@pytest.mark.parametrize("spend, cap, message", [
+    (5.01234, 5, "$5.0123 of $5.00"), (10.0, 10.0, "$10.0000 of $10.00"), (12, 10.5, "$12.0000 of $10.50")])
+def test_refusal_when_settled_spend_reaches_cap(caplog, spend, cap, message):
+    calendar = Calendar({DAY: spend, NEXT: spend})
+    account = db.DailySpend(cap, calendar.today, calendar.ledger)
+    asked, free, probe = [], [], logging.Handler()
+    probe.emit = lambda record: free.append(lock_is_free(account))
+    db.logger.addHandler(probe)
+    for calendar.day in (DAY, DAY, NEXT):
+        with pytest.raises(db.DecisionBudgetExceeded) as raised:
+            account.admit(lambda: asked.append(1), deadline=0.0, clock=asked.append, stopping=asked.append)
+        assert raised.value.args == (f"the daily decision cost cap is reached: {message} spent today (UTC)",)
+        assert raised.value.__cause__ is None and lock_is_free(account)
+    db.logger.removeHandler(probe)
+    assert asked == [] and account._held == db._Held() and free == [True, True]
+    assert [(r.args, r.exc_info) for r in logged(caplog, CAP_WARNING)] == [((spend, cap), None)] * 2
+
+
+@pytest.mark.parametrize("settled, holding, bound, admitted", [
+    (9.999, [], math.inf, True), (9.999, [], 50.0, True), (6.0, [3.0], 4.0, True), (7.0, [3.0], 4.0, False),
+    (0.0, [math.inf], 0.0, False), (0.0, [0.0], math.inf, False)])
+def test_admission_rule(settled, holding, bound, admitted):
+    account = db.DailySpend(10.0, lambda: DAY, lambda day: settled)
+    for h in holding:
+        account.admit(lambda: h, **NO_WAIT)
+    if admitted:  # admitted at once: neither the stop nor the passed deadline is looked at
+        account.admit(lambda: bound, deadline=0.0, clock=lambda: 1.0, stopping=lambda: True)
+    else:
+        with pytest.raises(db.DecisionTimeout):
+            account.admit(lambda: bound, deadline=time.monotonic() + 0.05, clock=time.monotonic,
+                          stopping=lambda: False)
+    held = holding + [bound] * admitted
+    assert account._held == db._Held(len(held), sum(h for h in held if h != math.inf), held.count(math.inf))
+
+
+@pytest.mark.parametrize("ending, outcome", [
+    ("give_back", db.Share), ("deadline", db.DecisionTimeout), ("stop", db.DecisionStopped)])
+def test_wait_ends(monkeypatch, ending, outcome):
+    if ending == "give_back":  # only the give-back's notification can end this wait in time
+        monkeypatch.setattr(db, "_POLL_S", 20.0)
+    account = db.DailySpend(1.0, lambda: DAY, None)
+    blocker = account.admit(lambda: math.inf, **NO_WAIT)
+    asked, ended, stop, waiting = [], [], threading.Event(), threading.Event()
+    deadline = time.monotonic() + (0.2 if ending == "deadline" else 30.0)
+
+    def bound():
+        asked.append(account._changed._is_owned())
+        waiting.set()
+        return 0.1
+
+    def waiter():
+        try:
+            ended.append(account.admit(bound, deadline=deadline, clock=time.monotonic, stopping=stop.is_set))
+        except db.DecisionError as error:
+            ended.append(error)
+
+    t = threading.Thread(target=waiter, daemon=True)
+    t.start()
+    assert waiting.wait(5)
+    time.sleep(0.05)
+    {"give_back": lambda: blocker.settle(None), "stop": stop.set, "deadline": lambda: None}[ending]()
+    t.join(10)
+    assert not t.is_alive() and len(asked) >= 2 and all(asked)  # bound() asked again, under the lock
+    assert isinstance(ended[0], outcome) and lock_is_free(account)
+
+
+def test_share_held_across_midnight_counts_on_new_day():
+    calendar = Calendar({DAY: 9.0, NEXT: 3.0})
+    account = db.DailySpend(10.0, calendar.today, calendar.ledger)
+    share = account.admit(lambda: 0.5, **NO_WAIT)
+    released = account.admit(lambda: 0.25, **NO_WAIT)
+    assert isinstance(share._give_back, functools.partial) and share._give_back.args == (0.5,)
+    assert share._give_back.func == account._give_back and not share._give_back.keywords
+    account._capped, calendar.day = True, NEXT
+    released.settle(None)  # a release counts nothing and does not look at the date
+    assert account._day == DAY and account._held.amount == 0.5
+    share.settle(Reply(cost=0.75, cached=True))
+    assert (account._day, account._cost, account._capped, account._held) == (NEXT, 3.75, False, db._Held())
+    calendar.day = "2026-03-03"
+    account.charge(Reply(cost=0.5))
+    assert account.spent() == 0.5 and calendar.asked == [DAY, NEXT, "2026-03-03"]
+
+
+@pytest.mark.parametrize("failure", ["today", "reply", "bound"])
+def test_failures_leave_nothing_held_and_the_lock_free(failure):
+    account = db.DailySpend(10.0, Calendar().today, None)
+    if failure == "bound":
+        with pytest.raises(ZeroDivisionError):
+            account.admit(lambda: 1 / 0, **NO_WAIT)
+    else:
+        share = account.admit(lambda: 2.0, **NO_WAIT)
+        if failure == "today":
+            account._today = lambda: 1 / 0
+        with pytest.raises(AttributeError if failure == "reply" else ZeroDivisionError):
+            share.settle(SimpleNamespace() if failure == "reply" else Reply(1.0))
+    assert account._held == db._Held() and account._cost == 0.0 and lock_is_free(account)
+
+
+def test_many_threads_stop_within_the_stated_overshoot():
+    cap, rates, lock, rng = 2.0, db.RequestRates(), threading.Lock(), random.Random(7)
+    account = db.DailySpend(cap, lambda: DAY, None)
+    settled, excess, refused = [], [], []
+    for feature in "ab":  # "c" starts unknown: its first call runs alone
+        rates.learn(400, feature, Reply(cost=0.05))
+
+    def call():
+        feature, size, dearest = rng.choice("abc"), rng.randint(100, 400), []
+
+        def bound():  # the last answer is the one admitted: note the dearest call learnt by then
+            dearest.append(rates._cost.per_call)
+            return rates.cost(size, feature)
+
+        with account.admit(bound, **NO_WAIT) as share:
+            time.sleep(rng.uniform(0.002, 0.01))
+            if rng.random() < 0.2:
+                return  # released without a reply
+            reply = Reply(cost=rng.uniform(0.04, 0.06), input_tokens=size)
+            rates.learn(size, feature, reply)
+            with lock:
+                settled.append(reply.cost)
+                excess.append(max(0.0, reply.cost - dearest[-1]))
+            share.settle(reply)
+
+    def worker():
+        while True:
+            try:
+                call()
+            except db.DecisionBudgetExceeded:
+                return refused.append(1)
+
+    threads = [threading.Thread(target=worker, daemon=True) for _ in range(16)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(30)
+    assert not any(t.is_alive() for t in threads) and len(refused) == 16 and account._held == db._Held()
+    # Past the cap by at most one call, plus what each call cost above the dearest one learnt before it.
+    assert account.spent() == pytest.approx(sum(settled))
+    assert cap <= account.spent() <= cap + max(settled) + sum(excess) + 1e-9
+
+
+def test_surface():
+    D = db.DailySpend
+    assert D.__bases__ == (object,) and [k for k in vars(D) if callable(vars(D)[k])] == [
+        "__init__", "spent", "admit", "charge", "_give_back", "_today_locked", "_spent_since"]
+    assert list(vars(D(1.0, str, None))) == ["_cap", "_today", "_ledger", "_changed", "_held", "_day", "_cost",
+                                             "_capped"]
+    docs = {
+        D: "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
+           "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
+           "hold their shares across midnight: each is counted on the day it settles.",
+        D.__init__: "Create the day's account.\n\n        Args:\n            cap: USD the paid calls of one UTC day "
+                    "may cost.\n            today: Today's UTC date, ``YYYY-MM-DD``.\n            ledger: What the "
+                    "paid calls since a date cost, USD; None: nothing is kept.\n        ",
+        D.spent: "What the paid calls of today cost so far, USD.",
+        D.admit: "Hold what a paid call may cost before it is made.\n\n        Args:\n            bound: The most "
+                 "the call may cost, USD (``math.inf`` when not known), asked again\n                after each wait:"
+                 " a reply that settles meanwhile may bound it.\n            deadline: When the call ends, on "
+                 "``clock``; None: it waits until a call in flight\n                ends or ``stopping`` says so.\n"
+                 "            clock: The client's monotonic clock.\n            stopping: Whether the pass the call "
+                 "belongs to is stopping.\n\n        Returns:\n            The share held: settled with the paid "
+                 "reply, it counts the reply's cost today.\n\n        Raises:\n            DecisionBudgetExceeded: "
+                 "Today's settled calls cost the cap (warned once a day).\n            DecisionTimeout: The deadline"
+                 " passed while the calls in flight held the rest.\n            DecisionStopped: The pass is "
+                 "stopping.\n        ",
+        D.charge: "Count what ``reply`` cost today without a share: an attempt of a call that settled\n        with "
+                  "another reply, sent and never read (the endpoint may bill it).",
+        D._give_back: "Give back what a call held, and count what its paid ``reply`` cost today.",
+        D._today_locked: "Today's spend; a new day starts from what the ledger says it has cost so far, and keeps\n"
+                         "        the shares of the calls in flight, which it is charged when they settle.",
+        D._spent_since: None,
+    }
+    assert {k: k.__doc__ for k in docs} == docs
+    assert {f.__qualname__: str(inspect.signature(f)) for f in docs if f is not D} == {
+        "DailySpend.__init__": "(self, cap: 'float', today: 'Callable[[], str]', "
+                               "ledger: 'Callable[[str], float] | None') -> 'None'",
+        "DailySpend.spent": "(self) -> 'float'",
+        "DailySpend.admit": "(self, bound: 'Callable[[], float]', *, deadline: 'float | None', "
+                            "clock: 'Callable[[], float]', stopping: 'Callable[[], bool]') -> 'Share'",
+        "DailySpend.charge": "(self, reply: 'PaidReply') -> 'None'",
+        "DailySpend._give_back": "(self, held: 'float', reply: 'PaidReply | None') -> 'None'",
+        "DailySpend._today_locked": "(self) -> 'float'",
+        "DailySpend._spent_since": "(self, day: 'str') -> 'float'",
+    }

@@ -1,0 +1,112 @@
+import dataclasses
+import inspect
+import math
+import threading
+
+import pytest
+
+from engines import decision_bounds as db
+
+
+class Reply:
+    def __init__(self, cost=0.0, input_tokens=0, cached=False):
+        self.cost, self.input_tokens, self.cached = cost, input_tokens, cached
+
+
+@pytest.mark.parametrize(
+    "learnt, size, expected",
+    [
+        ([], 123, 0.0),
+        ([(1000, 0.002), (4000, 0.004)], 500, 0.004),
+        ([(1000, 0.002), (4000, 0.004)], 3000, 0.006),
+        ([(0, 0.5)], 1, 0.5),  # an empty request counts as one byte
+        ([(100, 1.0), (100, 0.5)], 50, 1.0),
+        ([(100, 1.0)], 300, 3.0),
+        ([(-5, 2.0)], -1, 2.0),
+        ([(10, 30)], 5, 30),  # an integer charge stays an integer
+        ([(10, 30), (10, float("nan"))], 5, 30),
+    ],
+)
+def test_charges_bound(learnt, size, expected):
+    charges = db._Charges()
+    for learn_size, charge in learnt:
+        charges.learn(learn_size, charge)
+    got = charges.bound(size)
+    assert got == pytest.approx(expected) and type(got) is type(expected)
+    assert type(charges.per_byte) is float
+
+
+def test_rates_share_maxima_across_features_and_keep_types():
+    rates = db.RequestRates()
+    assert rates.cost(100, "x") == math.inf and rates.tokens(100) == math.inf
+    rates.learn(1000, "a", Reply(cost=0.002, input_tokens=300, cached=True))
+    assert rates.cost(1000, "a") == 0.002 and rates.cost(1000, "b") == math.inf
+    assert [(rates.tokens(n), type(rates.tokens(n))) for n in (1000, 2000, 500)] == [
+        (300.0, float), (600.0, float), (300, int)]
+    rates.learn(10, "b", Reply(cost=1.0, input_tokens=1))
+    assert rates.cost(1000, "a") == pytest.approx(100.0)
+    assert rates._features == {"a", "b"} and isinstance(rates._cost, db._Charges)
+
+
+def test_learn_failure_keeps_steps_done_and_frees_lock():
+    class NoTokens:
+        cost = 0.5
+        input_tokens = property(lambda self: 1 / 0)
+
+    rates = db.RequestRates()
+    with pytest.raises(ZeroDivisionError):
+        rates.learn(10, "a", NoTokens())
+    assert rates._features == {"a"} and rates._cost.per_call == 0.5 and rates._tokens.per_call == 0.0
+    assert not rates._lock.locked()
+    with pytest.raises(TypeError):
+        rates.cost(10, ["unhashable"])
+    assert not rates._lock.locked()
+
+
+@pytest.mark.parametrize("op", [lambda r: r.cost(1, "a"), lambda r: r.tokens(1), lambda r: r.learn(1, "a", Reply())])
+def test_each_operation_holds_the_lock(op):
+    rates = db.RequestRates()
+    done = threading.Event()
+    with rates._lock:
+        t = threading.Thread(target=lambda: (op(rates), done.set()), daemon=True)
+        t.start()
+        assert not done.wait(0.1)
+    t.join(5)
+    assert done.is_set()
+
+
+def test_surface():
+    assert [(f.name, f.type, f.default) for f in dataclasses.fields(db._Charges)] == [
+        ("per_byte", "float", 0.0), ("per_call", "float", 0.0)]
+    assert db._Charges.__doc__ == ("The most one measure of the paid replies came to: for one call, and per "
+                                   "request byte.")
+    assert db._Charges.bound.__doc__ == (
+        "The most a request of ``size`` bytes may come to: never less than the most one call\n        came to, "
+        "and for a request larger than those seen, the most per byte times its size (the\n        part of a "
+        "charge that grows with the request's bytes).")
+    assert db.RequestRates.__doc__ == (
+        "What a request may cost, in USD and in input tokens, before its reply says.\n\n    Its cost is held at "
+        "the most a paid call has cost, of any feature, once its feature has had a\n    paid reply, and is not "
+        "known (infinite) before: a cheap feature's replies do not bound the\n    first call of a dear one, "
+        "which runs alone. Its input tokens grow with its bytes whatever its\n    feature, and are not known "
+        "before the first paid reply.\n    ")
+    assert db.RequestRates.cost.__doc__ == (
+        "The most a request of ``size`` bytes of ``feature`` may cost, USD; ``math.inf`` while\n        no reply "
+        "of ``feature`` has been paid for.")
+    assert db.RequestRates.tokens.__doc__ == (
+        "The most input tokens a request of ``size`` bytes may use; ``math.inf`` while not\n        known.")
+    assert db.RequestRates.learn.__doc__ == (
+        "Take in what a paid reply of ``feature`` to a request of ``size`` bytes cost.")
+    assert db._Charges.learn.__doc__ is None and db.RequestRates.__init__.__doc__ is None
+    assert db.RequestRates.__bases__ == (object,) and not dataclasses.is_dataclass(db.RequestRates)
+    signatures = [
+        (db._Charges.bound, "_Charges.bound", "(self, size: 'int') -> 'float'"),
+        (db._Charges.learn, "_Charges.learn", "(self, size: 'int', charge: 'float') -> 'None'"),
+        (db.RequestRates.__init__, "RequestRates.__init__", "(self) -> 'None'"),
+        (db.RequestRates.cost, "RequestRates.cost", "(self, size: 'int', feature: 'str') -> 'float'"),
+        (db.RequestRates.tokens, "RequestRates.tokens", "(self, size: 'int') -> 'float'"),
+        (db.RequestRates.learn, "RequestRates.learn",
+         "(self, size: 'int', feature: 'str', reply: 'PaidReply') -> 'None'"),
+    ]
+    for fn, qualname, text in signatures:
+        assert (fn.__qualname__, str(inspect.signature(fn))) == (qualname, text)
