@@ -18,15 +18,15 @@ constexpr const char* cap_reached =
 
 Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
-Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return getattr(self, name(fn, n)); }
-void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { setattr(self, name(fn, n), value); }
+Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(self, name(fn, n)); }
+void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(self, name(fn, n), value); }
 
 // `self.<n>()`, as a method call, so a subclass's override is the one called.
 Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method(self, name(fn, n)); }
 
-// `self._changed.notify_all()`
-void notify_all(FunctionObject* fn, PyObject* self) {
-    call_method(attribute(fn, self, Name::_changed).get(), name(fn, Name::notify_all));
+// `self._changed.notify_all()`, inside the block that holds it.
+void notify_all(FunctionObject* fn, PyObject* self, Holding& changed) {
+    changed.notify_all(attribute(fn, self, Name::_changed).get());
 }
 
 // `self._cost += reply.cost`
@@ -212,7 +212,7 @@ Ref daily_charge(FunctionObject* fn, PyObject* const* args) {
     Holding changed(fn, attribute(fn, self, Name::_changed).get());
     call_own(fn, self, Name::_today_locked);
     count(fn, self, args[1]);
-    notify_all(fn, self);
+    notify_all(fn, self, changed);
     changed.leave();
     return none();
 }
@@ -234,7 +234,7 @@ Ref daily_give_back(FunctionObject* fn, PyObject* const* args) {
         // left held would keep later admissions waiting for good.
         [&] {
             call_method(attribute(fn, self, Name::_held).get(), name(fn, Name::give_back), held);
-            notify_all(fn, self);
+            notify_all(fn, self, changed);
         });
     changed.leave();
     return none();

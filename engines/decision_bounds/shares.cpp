@@ -204,11 +204,13 @@ void Holding::leave() {
     }
 }
 
-void Holding::notify_all() {
-    if (direct_ && nobody_waits(fn_, direct_, condition_.get())) {
+void Holding::notify_all() { notify_all(condition_.get()); }
+
+void Holding::notify_all(PyObject* condition) {
+    if (direct_ && condition == condition_.get() && nobody_waits(fn_, direct_, condition)) {
         return;
     }
-    call_method(condition_.get(), name(fn_, Name::notify_all));
+    call_method(condition, name(fn_, Name::notify_all));
 }
 
 Holding::~Holding() {

@@ -24,8 +24,10 @@ public:
     ~Holding();
 
     void leave();
-    // `condition.notify_all()`, inside the block; nothing when it would wake nobody (fast.hpp).
+    // `condition.notify_all()`, inside the block; nothing when it would wake nobody (fast.hpp). Given
+    // a condition read afresh, the shortcut is taken only when it is still the one held.
     void notify_all();
+    void notify_all(PyObject* condition);
 
 private:
     FunctionObject* fn_;
