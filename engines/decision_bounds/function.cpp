@@ -1,7 +1,6 @@
 #include "function.hpp"
 
 #include <cstddef>
-#include <cstring>
 
 #include "module.hpp"
 
@@ -166,12 +165,6 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
 void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                     PyObject** slots, Ref* owned) {
     const FunctionSpec& spec = *fn->spec;
-    // The common case first: only positional arguments, exactly one per parameter.
-    if (kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
-        (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword)) {
-        std::memcpy(slots, args, sizeof(PyObject*) * static_cast<size_t>(nargs));
-        return;
-    }
     Shape shape = shape_of(spec);
     Named order(spec);
     Py_ssize_t named = shape.positional + shape.keyword_only;
@@ -239,12 +232,23 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     }
 }
 
+// Whether a call gives exactly one positional argument per parameter, and nothing else: the
+// arguments are then the bound slots as they stand.
+bool binds_as_given(const FunctionSpec& spec, Py_ssize_t nargs, PyObject* kwnames) {
+    return kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
+           (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword);
+}
+
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
     FunctionObject* fn = as_function(self);
+    Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    if (binds_as_given(*fn->spec, nargs, kwnames)) {
+        return guarded([&] { return fn->spec->body(fn, args); });
+    }
     return guarded([&] {
         PyObject* slots[max_params];
         Ref owned[max_params];
-        bind_arguments(fn, args, PyVectorcall_NARGS(nargsf), kwnames, slots, owned);
+        bind_arguments(fn, args, nargs, kwnames, slots, owned);
         return fn->spec->body(fn, slots);
     });
 }
