@@ -47,6 +47,36 @@ PyObject* plain_dict(PyObject* object, PyObject* key) {
     return instance_dict(object);
 }
 
+// Whether `type` is the standard condition class as the shortcuts expect it: its `with` block and
+// notifications are the standard methods, and no class attribute stands before the instance's own
+// `_lock`, `_waiters` and `_is_owned` (no data descriptor). Checked once per version of the class.
+bool standard_condition(FunctionObject* fn, PyTypeObject* type) {
+    FastPaths& fast = state_of(fn).fast;
+    if (type != fast.condition_type) {
+        return false;
+    }
+    if (type->tp_version_tag == fast.condition_version && fast.condition_version != 0) {
+        return true;
+    }
+    const Name methods[] = {Name::__enter__, Name::__exit__, Name::notify_all, Name::notify};
+    for (int i = 0; i < 4; ++i) {
+        if (_PyType_Lookup(type, name(fn, methods[i])) != fast.condition_methods[i]) {
+            return false;
+        }
+    }
+    for (Name own : {Name::_lock, Name::_waiters, Name::_is_owned}) {
+        PyObject* descr = _PyType_Lookup(type, name(fn, own));
+        if (descr != nullptr && Py_TYPE(descr)->tp_descr_set != nullptr) {
+            return false;
+        }
+    }
+    if (!PyUnstable_Type_AssignVersionTag(type)) {
+        return false;
+    }
+    fast.condition_version = type->tp_version_tag;
+    return true;
+}
+
 }  // namespace
 
 Ref get_field(PyObject* object, PyObject* key) {
@@ -90,6 +120,10 @@ void init_fast_paths(PyObject* module) {
         auto* cls = reinterpret_cast<PyTypeObject*>(condition.get());
         if (fast.rlock_acquire && fast.rlock_release && fast.rlock_is_owned &&
             PyUnstable_Type_AssignVersionTag(cls)) {
+            const char* methods[] = {"__enter__", "__exit__", "notify_all", "notify"};
+            for (int i = 0; i < 4; ++i) {
+                fast.condition_methods[i] = attribute(condition.get(), methods[i]).release();
+            }
             fast.condition_version = cls->tp_version_tag;
             fast.condition_type = reinterpret_cast<PyTypeObject*>(condition.release());
             fast.deque_type = reinterpret_cast<PyTypeObject*>(deque.release());
@@ -116,6 +150,9 @@ void init_fast_paths(PyObject* module) {
 
 int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg) {
     Py_VISIT(fast.condition_type);
+    for (PyObject* method : fast.condition_methods) {
+        Py_VISIT(method);
+    }
     Py_VISIT(fast.deque_type);
     Py_VISIT(fast.rlock_type);
     Py_VISIT(fast.lock_type);
@@ -126,6 +163,9 @@ int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg) {
 
 void clear_fast_paths(FastPaths& fast) {
     Py_CLEAR(fast.condition_type);
+    for (PyObject*& method : fast.condition_methods) {
+        Py_CLEAR(method);
+    }
     Py_CLEAR(fast.deque_type);
     Py_CLEAR(fast.rlock_type);
     Py_CLEAR(fast.lock_type);
@@ -153,7 +193,7 @@ void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direc
     }
     // `with condition:` runs the class's `__enter__` and `__exit__`, which only pass on to the
     // lock's own: the class must be the standard one, changed in nothing since start-up.
-    if (type != fast.condition_type || type->tp_version_tag != fast.condition_version) {
+    if (!standard_condition(fn, type)) {
         return;
     }
     PyObject* dict = instance_dict(condition);
@@ -177,7 +217,7 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
     const FastPaths& fast = *direct.fast;
     // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
     // empty, once `self._is_owned()` has said that this thread holds the lock.
-    if (Py_TYPE(condition) != fast.condition_type || Py_TYPE(condition)->tp_version_tag != fast.condition_version) {
+    if (!standard_condition(fn, Py_TYPE(condition))) {
         return false;
     }
     PyObject* dict = instance_dict(condition);

@@ -32,8 +32,9 @@ enum class Name : int {
 
 // The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
 struct FastPaths {
-    PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class seen at
-    unsigned int condition_version;  // start-up: any change to the class gives it another
+    PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class last seen
+    unsigned int condition_version;  // standard: any change to the class gives it another
+    PyObject* condition_methods[4];  // its `__enter__`, `__exit__`, `notify_all` and `notify`
     PyTypeObject* deque_type;        // its `_waiters`
     PyTypeObject* rlock_type;        // the reentrant lock it makes by default
     PyCFunctionWithKeywords rlock_acquire;
