@@ -117,3 +117,21 @@ def test_fields_behind_a_property_go_through_it():
     held.take(2.5)
     held.give_back(2.5)
     assert Counted.sets == [0.0, 2.5, 0.0, 0.0] and "amount" not in vars(held)
+
+
+def test_making_a_share_runs_what_the_class_has(monkeypatch):
+    made = []
+
+    class Counted(db.Share):
+        def __new__(cls, *args):
+            made.append(args)
+            return super().__new__(cls)
+
+    assert type(Counted(print)) is Counted and made == [(print,)]
+    assert db.Share(give_back=print)._give_back is print
+    with pytest.raises(TypeError, match="takes from 1 to 2 positional arguments but 3 were given"):
+        db.Share(print, print)
+    monkeypatch.setattr(db.Share, "__init__", lambda self, give_back: made.append(give_back) or 1)
+    with pytest.raises(TypeError, match="should return None, not 'int'"):
+        db.Share("replaced")
+    assert made[-1] == "replaced"

@@ -21,7 +21,7 @@ namespace decision_bounds {
     X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
     X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
     X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)                \
-    X(_waiters) X(_is_owned) X(notify)
+    X(_waiters) X(_is_owned) X(notify) X(__init__)
 
 enum class Name : int {
 #define DECISION_BOUNDS_ENUM(n) n,

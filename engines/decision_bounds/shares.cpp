@@ -51,6 +51,57 @@ constexpr FunctionSpec share_methods[] = {
     {"__exit__", "Share.__exit__", nullptr, share_exit_params, "None", share_exit},
 };
 
+// `Share(give_back)`: what `type.__call__` does for the class, without its argument tuple:
+// `object.__new__`, then `__init__` with the arguments as given, whose result must be None. Taken
+// only while `__new__` is `object`'s and `__init__` is this module's own; otherwise the class is
+// called as any class is. The module is reached through the class (`ht_module`, set at start-up).
+PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
+    Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    Py_ssize_t given = nargs + (kwnames ? PyTuple_GET_SIZE(kwnames) : 0);
+    PyObject* module = reinterpret_cast<PyHeapTypeObject*>(type)->ht_module;
+    PyObject* init = nullptr;
+    if (module != nullptr && type->tp_new == PyBaseObject_Type.tp_new && !(type->tp_flags & Py_TPFLAGS_IS_ABSTRACT) &&
+        given < max_params) {
+        ModuleState& state = state_of(module);
+        init = _PyType_Lookup(type, state.names[static_cast<int>(Name::__init__)]);
+        if (init != nullptr && (Py_TYPE(init) != state.function_type ||
+                                reinterpret_cast<FunctionObject*>(init)->spec != &share_methods[0])) {
+            init = nullptr;
+        }
+    }
+    return guarded([&] {
+        if (init == nullptr) {
+            Ref positional = own(PyTuple_New(nargs));
+            for (Py_ssize_t i = 0; i < nargs; ++i) {
+                PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
+            }
+            Ref keywords;
+            if (kwnames != nullptr) {
+                keywords = own(PyDict_New());
+                for (Py_ssize_t k = 0; k < given - nargs; ++k) {
+                    check(PyDict_SetItem(keywords.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
+                }
+            }
+            return own(PyType_Type.tp_call(cls, positional.get(), keywords.get()));
+        }
+        Ref init_ref = Ref::borrow(init);  // kept while it runs, whatever it does to the class
+        Ref empty = own(PyTuple_New(0));
+        Ref self = own(PyBaseObject_Type.tp_new(type, empty.get(), nullptr));
+        PyObject* argv[max_params + 1];
+        argv[0] = self.get();
+        for (Py_ssize_t i = 0; i < given; ++i) {
+            argv[i + 1] = args[i];
+        }
+        Ref result = own(PyObject_Vectorcall(init, argv, static_cast<size_t>(nargs + 1), kwnames));
+        if (result.get() != Py_None) {
+            PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.get())->tp_name);
+            raise_current();
+        }
+        return self;
+    });
+}
+
 // _Held
 
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
@@ -269,7 +320,11 @@ void add_shares(PyObject* module) {
     for (const FunctionSpec& method : std::span(share_methods).subspan(1)) {
         share.add(method);
     }
-    bind(module, "Share", share.build());
+    Ref share_class = share.build();
+    auto* share_type = reinterpret_cast<PyHeapTypeObject*>(share_class.get());
+    Py_XSETREF(share_type->ht_module, Py_NewRef(module));
+    share_type->ht_type.tp_vectorcall = share_call;
+    bind(module, "Share", share_class);
 
     ClassBuilder held(module, "_Held", held_doc, {{"holders", "int"}, {"amount", "float"}, {"unbounded", "int"}});
     held.add("holders", integer(0));
