@@ -135,3 +135,15 @@ def test_making_a_share_runs_what_the_class_has(monkeypatch):
     with pytest.raises(TypeError, match="should return None, not 'int'"):
         db.Share("replaced")
     assert made[-1] == "replaced"
+
+
+def test_a_property_added_after_use_is_used():
+    class Later(db._Held):
+        pass
+
+    held = Later()
+    held.take(1.0)  # its fields are plain so far
+    seen = []
+    Later.amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
+    held.give_back(1.0)
+    assert seen == [4.0, 0.0] and held.holders == 0

@@ -18,8 +18,8 @@ constexpr const char* cap_reached =
 
 Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
-Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(self, name(fn, n)); }
-void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(self, name(fn, n), value); }
+Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(fn, self, n); }
+void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(fn, self, n, value); }
 
 // `self.<n>()`, as a method call, so a subclass's override is the one called.
 Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method(self, name(fn, n)); }

@@ -1,6 +1,7 @@
 #include "fast.hpp"
 
 #include <cmath>
+#include <cstdint>
 
 namespace decision_bounds {
 namespace {
@@ -34,19 +35,6 @@ PyObject* item(PyObject* dict, PyObject* key) {
     return value;
 }
 
-// The object's dict, when `object.<key>` reads and writes it as a plain instance attribute.
-PyObject* plain_dict(PyObject* object, PyObject* key) {
-    PyTypeObject* type = Py_TYPE(object);
-    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr) {
-        return nullptr;
-    }
-    PyObject* descr = _PyType_Lookup(type, key);
-    if (descr != nullptr && Py_TYPE(descr)->tp_descr_set != nullptr) {
-        return nullptr;
-    }
-    return instance_dict(object);
-}
-
 // Whether `type` is the standard condition class as the shortcuts expect it: its `with` block and
 // notifications are the standard methods, and no class attribute stands before the instance's own
 // `_lock`, `_waiters` and `_is_owned` (no data descriptor). Checked once per version of the class.
@@ -77,23 +65,51 @@ bool standard_condition(FunctionObject* fn, PyTypeObject* type) {
     return true;
 }
 
+// The object's dict, when `object.<key>` reads and writes it as a plain instance attribute: the
+// class's generic attribute access, and no data descriptor of that name on the class.
+PyObject* plain_dict(FunctionObject* fn, PyObject* object, Name key) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr) {
+        return nullptr;
+    }
+    static_assert(static_cast<int>(Name::count) <= 128, "one bit per name");
+    auto bit = static_cast<unsigned>(key);
+    unsigned long long mask = 1ULL << (bit % 64);
+    PlainFields& known = state_of(fn).fast.plain[(reinterpret_cast<uintptr_t>(type) >> 6) % 8];
+    bool valid = PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) && type->tp_version_tag != 0;
+    if (!(valid && known.type == type && known.version == type->tp_version_tag && (known.names[bit / 64] & mask))) {
+        PyObject* descr = _PyType_Lookup(type, name(fn, key));
+        if (descr != nullptr && Py_TYPE(descr)->tp_descr_set != nullptr) {
+            return nullptr;
+        }
+        // The lookup gives the class a version if it had none.
+        if (PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) && type->tp_version_tag != 0) {
+            if (known.type != type || known.version != type->tp_version_tag) {
+                known = PlainFields{type, type->tp_version_tag, {0, 0}};
+            }
+            known.names[bit / 64] |= mask;
+        }
+    }
+    return instance_dict(object);
+}
+
 }  // namespace
 
-Ref get_field(PyObject* object, PyObject* key) {
-    if (PyObject* dict = plain_dict(object, key)) {
-        if (PyObject* value = item(dict, key)) {
+Ref get_field(FunctionObject* fn, PyObject* object, Name key) {
+    if (PyObject* dict = plain_dict(fn, object, key)) {
+        if (PyObject* value = item(dict, name(fn, key))) {
             return Ref::borrow(value);
         }
     }
     // Not an attribute of its own: the class's, or the `AttributeError`.
-    return getattr(object, key);
+    return getattr(object, name(fn, key));
 }
 
-void set_field(PyObject* object, PyObject* key, PyObject* value) {
-    if (PyObject* dict = plain_dict(object, key)) {
-        check(PyDict_SetItem(dict, key, value));
+void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value) {
+    if (PyObject* dict = plain_dict(fn, object, key)) {
+        check(PyDict_SetItem(dict, name(fn, key), value));
     } else {
-        setattr(object, key, value);
+        setattr(object, name(fn, key), value);
     }
 }
 

@@ -49,8 +49,9 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
 // `object.<key>` and `object.<key> = value` for a plain instance attribute: straight in the
 // object's dict when its class adds nothing between (the generic attribute access, and no data
 // descriptor of that name), through the usual attribute calls otherwise.
-Ref get_field(PyObject* object, PyObject* key);
-void set_field(PyObject* object, PyObject* key, PyObject* value);
+// What was found about a class (by its version) is remembered per name in the module state.
+Ref get_field(FunctionObject* fn, PyObject* object, Name key);
+void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value);
 
 // Whether `value` is an exact float or int and the namespace's `math.isinf` is the standard one,
 // in which case `*result` is what `math.isinf(value)` returns.

@@ -30,8 +30,16 @@ enum class Name : int {
         count
 };
 
+// Names known to be plain instance attributes of a class, as long as the class keeps its version.
+struct PlainFields {
+    PyTypeObject* type;    // not owned: only compared, together with the version it had
+    unsigned int version;
+    unsigned long long names[2];  // one bit per `Name`
+};
+
 // The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
 struct FastPaths {
+    PlainFields plain[8];
     PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class last seen
     unsigned int condition_version;  // standard: any change to the class gives it another
     PyObject* condition_methods[4];  // its `__enter__`, `__exit__`, `notify_all` and `notify`

@@ -113,13 +113,13 @@ Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 Ref held_admits(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    if (truthy(get_field(self, name(fn, Name::unbounded)).get())) {
+    if (truthy(get_field(fn, self, Name::unbounded).get())) {
         return boolean(false);
     }
-    if (is_unbounded(fn, share) && truthy(get_field(self, name(fn, Name::holders)).get())) {
+    if (is_unbounded(fn, share) && truthy(get_field(fn, self, Name::holders).get())) {
         return boolean(false);
     }
-    Ref amount = get_field(self, name(fn, Name::amount));
+    Ref amount = get_field(fn, self, Name::amount);
     PyObject* used = args[2];
     PyObject* limit = args[3];
     if (PyFloat_CheckExact(used) && PyFloat_CheckExact(amount.get()) && PyFloat_CheckExact(limit)) {
@@ -130,36 +130,36 @@ Ref held_admits(FunctionObject* fn, PyObject* const* args) {
 }
 
 // `self.<counter> += step`
-void add_to(PyObject* self, PyObject* counter, PyObject* step) {
-    Ref value = get_field(self, counter);
+void add_to(FunctionObject* fn, PyObject* self, Name counter, PyObject* step) {
+    Ref value = get_field(fn, self, counter);
     if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step)) {
-        set_field(self, counter, real(PyFloat_AS_DOUBLE(value.get()) + PyFloat_AS_DOUBLE(step)).get());
+        set_field(fn, self, counter, real(PyFloat_AS_DOUBLE(value.get()) + PyFloat_AS_DOUBLE(step)).get());
         return;
     }
-    set_field(self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
+    set_field(fn, self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
 }
 
 // `self.<counter> = max(floor, self.<counter> - step)`
-void take_from(PyObject* self, PyObject* counter, PyObject* step, const Ref& floor) {
-    Ref value = get_field(self, counter);
+void take_from(FunctionObject* fn, PyObject* self, Name counter, PyObject* step, const Ref& floor) {
+    Ref value = get_field(fn, self, counter);
     if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step) && PyFloat_CheckExact(floor.get())) {
         // As `max` keeps the floor unless the difference is greater (so also when it is not a number).
         double less = PyFloat_AS_DOUBLE(value.get()) - PyFloat_AS_DOUBLE(step);
-        set_field(self, counter, less > PyFloat_AS_DOUBLE(floor.get()) ? real(less).get() : floor.get());
+        set_field(fn, self, counter, less > PyFloat_AS_DOUBLE(floor.get()) ? real(less).get() : floor.get());
         return;
     }
     Ref less = own(PyNumber_Subtract(value.get(), step));
-    set_field(self, counter, maximum(floor.get(), less.get()).get());
+    set_field(fn, self, counter, maximum(floor.get(), less.get()).get());
 }
 
 Ref held_take(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    add_to(self, name(fn, Name::holders), integer(1).get());
+    add_to(fn, self, Name::holders, integer(1).get());
     if (is_unbounded(fn, share)) {
-        add_to(self, name(fn, Name::unbounded), integer(1).get());
+        add_to(fn, self, Name::unbounded, integer(1).get());
     } else {
-        add_to(self, name(fn, Name::amount), share);
+        add_to(fn, self, Name::amount, share);
     }
     return none();
 }
@@ -167,16 +167,16 @@ Ref held_take(FunctionObject* fn, PyObject* const* args) {
 Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    take_from(self, name(fn, Name::holders), integer(1).get(), integer(0));
+    take_from(fn, self, Name::holders, integer(1).get(), integer(0));
     if (is_unbounded(fn, share)) {
-        take_from(self, name(fn, Name::unbounded), integer(1).get(), integer(0));
+        take_from(fn, self, Name::unbounded, integer(1).get(), integer(0));
     } else {
-        take_from(self, name(fn, Name::amount), share, real(0.0));
+        take_from(fn, self, Name::amount, share, real(0.0));
     }
     // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
-    Ref holders = get_field(self, name(fn, Name::holders));
+    Ref holders = get_field(fn, self, Name::holders);
     if (compare(holders.get(), integer(0).get(), Py_EQ)) {
-        set_field(self, name(fn, Name::amount), real(0.0).get());
+        set_field(fn, self, Name::amount, real(0.0).get());
     }
     return none();
 }
