@@ -147,3 +147,22 @@ def test_a_property_added_after_use_is_used():
     Later.amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
     held.give_back(1.0)
     assert seen == [4.0, 0.0] and held.holders == 0
+
+
+@pytest.mark.parametrize("where", ["subclass", "instance"])
+def test_a_method_replaced_on_a_subclass_or_instance_is_the_one_called(where):
+    seen = []
+
+    class Counted(db._Held):
+        def admits(self, *args):
+            seen.append(args)
+            return super().admits(*args)
+
+    daily = account()
+    if where == "subclass":
+        daily._held = Counted()
+    else:
+        held = daily._held
+        daily._held.admits = lambda *args: seen.append(args) or db._Held.admits(held, *args)
+    settle_one(daily)
+    assert seen == [(1.0, 0.0, 10.0)]

@@ -22,7 +22,7 @@ Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(fn,
 void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(fn, self, n, value); }
 
 // `self.<n>()`, as a method call, so a subclass's override is the one called.
-Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method(self, name(fn, n)); }
+Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method_of(fn, self, n); }
 
 // `self._changed.notify_all()`, inside the block that holds it.
 void notify_all(FunctionObject* fn, PyObject* self, Holding& changed) {
@@ -103,7 +103,7 @@ Ref daily_today_locked(FunctionObject* fn, PyObject* const* args) {
     Ref day = attribute(fn, self, Name::_day);
     if (compare(today.get(), day.get(), Py_NE)) {
         // The ledger is read before anything changes: if it is interrupted, the day is tried again.
-        Ref figure = call_method(self, name(fn, Name::_spent_since), today.get());
+        Ref figure = call_method_of(fn, self, Name::_spent_since, today.get());
         set_attribute(fn, self, Name::_day, today.get());
         set_attribute(fn, self, Name::_cost, figure.get());
         set_attribute(fn, self, Name::_capped, Py_False);
@@ -177,11 +177,11 @@ Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
             // Read afresh after `bound()`, which runs the caller's code.
             cap = attribute(fn, self, Name::_cap);
             Ref account = attribute(fn, self, Name::_held);
-            if (truthy(call_method(account.get(), name(fn, Name::admits), held.get(), cost.get(), cap.get()).get())) {
-                call_method(account.get(), name(fn, Name::take), held.get());
+            if (truthy(call_method_of(fn, account.get(), Name::admits, held.get(), cost.get(), cap.get()).get())) {
+                call_method_of(fn, account.get(), Name::take, held.get());
                 // The share gives back exactly what was taken, whatever `bound()` says later.
                 Ref partial = getattr(global(fn, Name::functools).get(), name(fn, Name::partial));
-                Ref give_back = call(partial.get(), attribute(fn, self, Name::_give_back).get(), held.get());
+                Ref give_back = call(partial.get(), getattr(self, name(fn, Name::_give_back)).get(), held.get());
                 Ref share = call(global(fn, Name::Share).get(), give_back.get());
                 changed.leave();
                 return share;
@@ -233,7 +233,7 @@ Ref daily_give_back(FunctionObject* fn, PyObject* const* args) {
         // Given back even when counting failed: no call holds this share any more, and an amount
         // left held would keep later admissions waiting for good.
         [&] {
-            call_method(attribute(fn, self, Name::_held).get(), name(fn, Name::give_back), held);
+            call_method_of(fn, attribute(fn, self, Name::_held).get(), Name::give_back, held);
             notify_all(fn, self, changed);
         });
     changed.leave();

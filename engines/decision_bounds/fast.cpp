@@ -253,6 +253,22 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
     Ref owned = own(fast.rlock_is_owned(direct.lock, nullptr));
     return owned.get() == Py_True;
 }
+PyObject* own_method(FunctionObject* fn, PyObject* object, Name key) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_getattro != PyObject_GenericGetAttr) {
+        return nullptr;
+    }
+    PyObject* method = _PyType_Lookup(type, name(fn, key));
+    if (method == nullptr || Py_TYPE(method) != state_of(fn).function_type) {
+        return nullptr;
+    }
+    PyObject* dict = instance_dict(object);
+    if (dict != nullptr && item(dict, name(fn, key)) != nullptr) {
+        return nullptr;
+    }
+    return method;
+}
+
 bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result) {
     const FastPaths& fast = state_of(fn).fast;
     double number;

@@ -53,6 +53,21 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
 Ref get_field(FunctionObject* fn, PyObject* object, Name key);
 void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value);
 
+// The module's own function that `object.<key>(...)` would call as a method: the class's, when the
+// instance has no attribute of that name (its dict is made if it has none yet, so this serves
+// long-lived objects). Null otherwise.
+PyObject* own_method(FunctionObject* fn, PyObject* object, Name key);
+
+// `object.<key>(args...)`, running the module's own method directly when that is what it calls.
+template <typename... Args>
+Ref call_method_of(FunctionObject* fn, PyObject* object, Name key, Args... args) {
+    if (PyObject* method = own_method(fn, object, key)) {
+        PyObject* argv[] = {object, args...};
+        return call_function(method, argv, static_cast<Py_ssize_t>(1 + sizeof...(Args)));
+    }
+    return call_method(object, name(fn, key), args...);
+}
+
 // Whether `value` is an exact float or int and the namespace's `math.isinf` is the standard one,
 // in which case `*result` is what `math.isinf(value)` returns.
 bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result);

@@ -544,6 +544,16 @@ PyType_Spec function_spec = {
 
 PyType_Spec& function_type_spec() { return function_spec; }
 
+Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
+    FunctionObject* fn = as_function(function);
+    // Kept alive while it runs, whatever its body does to the class it came from.
+    Ref keep = Ref::borrow(function);
+    if (binds_as_given(*fn->spec, nargs, nullptr)) {
+        return fn->spec->body(fn, args);
+    }
+    return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
+}
+
 Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults, PyObject* kwdefaults) {
     PyTypeObject* type = state_of(module).function_type;
     FunctionObject* fn = PyObject_GC_New(FunctionObject, type);

@@ -63,6 +63,10 @@ struct FunctionObject {
 // The function type's spec, to make the type for one module.
 PyType_Spec& function_type_spec();
 
+// Calls a function of this type with positional arguments only: its body at once when they are
+// exactly its parameters, else through its ordinary call.
+Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs);
+
 // Makes a function of `module` from `spec`. `defaults` is a tuple or null, `kwdefaults` a dict or
 // null; both are taken as they are (new references are kept).
 Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults = nullptr,

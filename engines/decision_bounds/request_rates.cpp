@@ -80,7 +80,7 @@ Ref rates_cost(FunctionObject* fn, PyObject* const* args) {
     Ref result;
     if (check(PySequence_Contains(features.get(), args[2]))) {
         Ref cost = get_field(fn, self, Name::_cost);
-        result = call_method(cost.get(), name(fn, Name::bound), args[1]);
+        result = call_method_of(fn, cost.get(), Name::bound, args[1]);
     } else {
         result = not_known(fn);
     }
@@ -96,7 +96,7 @@ Ref rates_tokens(FunctionObject* fn, PyObject* const* args) {
     // Tokens grow with bytes whatever the feature: any paid reply makes them known.
     if (truthy(features.get())) {
         Ref tokens = get_field(fn, self, Name::_tokens);
-        result = call_method(tokens.get(), name(fn, Name::bound), args[1]);
+        result = call_method_of(fn, tokens.get(), Name::bound, args[1]);
     } else {
         result = not_known(fn);
     }
@@ -112,9 +112,9 @@ Ref rates_learn(FunctionObject* fn, PyObject* const* args) {
     Ref features = get_field(fn, self, Name::_features);
     call_method(features.get(), name(fn, Name::add), args[2]);
     Ref cost = get_field(fn, self, Name::_cost);
-    call_method(cost.get(), name(fn, Name::learn), size, getattr(reply, name(fn, Name::cost)).get());
+    call_method_of(fn, cost.get(), Name::learn, size, getattr(reply, name(fn, Name::cost)).get());
     Ref tokens = get_field(fn, self, Name::_tokens);
-    call_method(tokens.get(), name(fn, Name::learn), size, getattr(reply, name(fn, Name::input_tokens)).get());
+    call_method_of(fn, tokens.get(), Name::learn, size, getattr(reply, name(fn, Name::input_tokens)).get());
     lock.leave();
     return none();
 }
