@@ -39,7 +39,7 @@ struct PlainFields {
 
 // The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
 struct FastPaths {
-    PlainFields plain[8];
+    PlainFields plain[16];
     PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class last seen
     unsigned int condition_version;  // standard: any change to the class gives it another
     PyObject* condition_methods[4];  // its `__enter__`, `__exit__`, `notify_all` and `notify`
