@@ -13,6 +13,7 @@ A case whose native side does not exist yet is skipped with a note.
     python bench/run.py --quick          # fewer and shorter rounds
     python bench/run.py --cases share_settle,held --repeat 9
     python bench/run.py --list
+    python bench/run.py --markdown       # also a Markdown table of the figures
 """
 
 from __future__ import annotations
@@ -341,6 +342,7 @@ def main(argv=None):
     parser.add_argument("--trials", type=int, help="wake-up trials (default 400, quick 100)")
     parser.add_argument("--quick", action="store_true", help="fewer and shorter rounds")
     parser.add_argument("--list", action="store_true", help="list the cases and exit")
+    parser.add_argument("--markdown", action="store_true", help="also print the figures as a Markdown table")
     args = parser.parse_args(argv)
 
     if args.list:
@@ -360,6 +362,7 @@ def main(argv=None):
     trials = args.trials or (100 if args.quick else 400)
 
     print(f"Python {sys.version.split()[0]}, {rounds} rounds per side, times are the best round")
+    rows = []  # (case, native, baseline, ratio, what) for --markdown
     print(f"{'case':16} {'native ns/op':>13} {'baseline ns/op':>15} {'ratio':>7}  what")
     ratios = []
     for key in chosen:
@@ -374,10 +377,12 @@ def main(argv=None):
         native_ns, baseline_ns = time_case(setup, rounds, target)
         ratio = baseline_ns / native_ns
         ratios.append(ratio)
+        rows.append((key, f"{native_ns:.0f}", f"{baseline_ns:.0f}", f"{ratio:.2f}", what))
         print(f"{key:16} {native_ns:13.0f} {baseline_ns:15.0f} {ratio:7.2f}  {what}", flush=True)
     if ratios:
         geomean = math.exp(sum(math.log(r) for r in ratios) / len(ratios))
         print(f"{'geometric mean':16} {'':13} {'':15} {geomean:7.2f}  of {len(ratios)} single-threaded ratios")
+        rows.append(("geometric mean", "", "", f"{geomean:.2f}", f"of the {len(ratios)} single-threaded ratios"))
 
     needs_budget = missing(("RunBudget",))
     if "contended" in chosen:
@@ -392,6 +397,8 @@ def main(argv=None):
             n, p = best["native"] * 1e9, best["baseline"] * 1e9
             print(f"{'contended':16} {n:13.0f} {p:15.0f} {p / n:7.2f}  4 threads: hold + settle on one budget"
                   " (wall time per op)")
+            rows.append(("contended", f"{n:.0f}", f"{p:.0f}", f"{p / n:.2f}",
+                         "4 threads: hold + settle on one budget (wall time per op)"))
     if "wakeup" in chosen:
         if needs_budget:
             print(f"{'wakeup':16} skipped: the native module has no RunBudget yet")
@@ -401,18 +408,32 @@ def main(argv=None):
             for r in range(2):
                 for label, module in SIDES if r % 2 == 0 else SIDES[::-1]:
                     results[label] += wakeup(module, trials // 2)
+            figures = {}
             for label, _ in SIDES:
                 values = results[label]
-                print(f"  {label:9} median {statistics.median(values) / 1000:8.1f} us   "
-                      f"p99 {percentile(values, 99) / 1000:8.1f} us   ({len(values)} trials)")
+                figures[label] = (statistics.median(values) / 1000, percentile(values, 99) / 1000)
+                print(f"  {label:9} median {figures[label][0]:8.1f} us   "
+                      f"p99 {figures[label][1]:8.1f} us   ({len(values)} trials)")
+            for i, what in enumerate(("median", "p99")):
+                rows.append((f"wakeup {what}", f"{figures['native'][i]:.1f} us", f"{figures['baseline'][i]:.1f} us", "",
+                             f"give-back to a waiting reserve returning, {what} of {trials} trials"))
     if "idle_cpu" in chosen:
         if needs_budget:
             print(f"{'idle_cpu':16} skipped: the native module has no RunBudget yet")
         else:
             print("CPU used by 8 threads waiting for room for one second (share of one core):")
+            shares = {}
             for label, module in SIDES:
-                share = idle_cpu(module)
-                print(f"  {label:9} {share * 100:6.2f} %")
+                shares[label] = idle_cpu(module)
+                print(f"  {label:9} {shares[label] * 100:6.2f} %")
+            rows.append(("idle_cpu", f"{shares['native'] * 100:.2f} %", f"{shares['baseline'] * 100:.2f} %", "",
+                         "CPU of 8 threads waiting for room, share of one core"))
+    if args.markdown:
+        print()
+        print("| case | native ns/op | baseline ns/op | ratio | what |")
+        print("|---|---:|---:|---:|---|")
+        for row in rows:
+            print("| " + " | ".join(row) + " |")
     return 0
 
 
