@@ -12,6 +12,8 @@ import pytest
 
 from engines import decision_bounds as db
 
+from support import lock_is_free
+
 LEDGER_WARNING = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAP_WARNING = ("The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
                "tomorrow, cached answers are still used")
@@ -36,20 +38,6 @@ class Calendar:
         if isinstance(figure, BaseException):
             raise figure
         return figure
-
-
-def lock_is_free(account):
-    """Whether another thread can take the account's lock now."""
-    got = []
-
-    def take():
-        if account._changed.acquire(timeout=2):
-            got.append(account._changed.release())
-
-    t = threading.Thread(target=take, daemon=True)
-    t.start()
-    t.join(5)
-    return got == [None]
 
 
 def logged(caplog, message):
@@ -82,7 +70,7 @@ def test_no_ledger_and_an_interrupted_ledger():
     for _ in range(2):
         with pytest.raises(KeyboardInterrupt):
             account.spent()
-        assert account._day == "" and lock_is_free(account)
+        assert account._day == "" and lock_is_free(account._changed)
     assert calendar.asked == [DAY] * 2
 
 
@@ -92,13 +80,13 @@ def test_refusal_when_settled_spend_reaches_cap(caplog, spend, cap, message):
     calendar = Calendar({DAY: spend, NEXT: spend})
     account = db.DailySpend(cap, calendar.today, calendar.ledger)
     asked, free, probe = [], [], logging.Handler()
-    probe.emit = lambda record: free.append(lock_is_free(account))
+    probe.emit = lambda record: free.append(lock_is_free(account._changed))
     db.logger.addHandler(probe)
     for calendar.day in (DAY, DAY, NEXT):
         with pytest.raises(db.DecisionBudgetExceeded) as raised:
             account.admit(lambda: asked.append(1), deadline=0.0, clock=asked.append, stopping=asked.append)
         assert raised.value.args == (f"the daily decision cost cap is reached: {message} spent today (UTC)",)
-        assert raised.value.__cause__ is None and lock_is_free(account)
+        assert raised.value.__cause__ is None and lock_is_free(account._changed)
     db.logger.removeHandler(probe)
     assert asked == [] and account._held == db._Held() and free == [True, True]
     assert [(r.args, r.exc_info) for r in logged(caplog, CAP_WARNING)] == [((spend, cap), None)] * 2
@@ -149,7 +137,7 @@ def test_wait_ends(monkeypatch, ending, outcome):
     {"give_back": lambda: blocker.settle(None), "stop": stop.set, "deadline": lambda: None}[ending]()
     t.join(10)
     assert not t.is_alive() and len(asked) >= 2 and all(asked)  # bound() asked again, under the lock
-    assert isinstance(ended[0], outcome) and lock_is_free(account)
+    assert isinstance(ended[0], outcome) and lock_is_free(account._changed)
 
 
 def test_share_held_across_midnight_counts_on_new_day():
@@ -181,7 +169,7 @@ def test_failures_leave_nothing_held_and_the_lock_free(failure):
             account._today = lambda: 1 / 0
         with pytest.raises(AttributeError if failure == "reply" else ZeroDivisionError):
             share.settle(SimpleNamespace() if failure == "reply" else Reply(1.0))
-    assert account._held == db._Held() and account._cost == 0.0 and lock_is_free(account)
+    assert account._held == db._Held() and account._cost == 0.0 and lock_is_free(account._changed)
 
 
 def test_many_threads_stop_within_the_stated_overshoot():

@@ -7,10 +7,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-
-class Reply:
-    def __init__(self, cost=0.0, input_tokens=0, cached=False):
-        self.cost, self.input_tokens, self.cached = cost, input_tokens, cached
+from support import Reply
 
 
 @pytest.mark.parametrize(

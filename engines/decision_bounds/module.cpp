@@ -7,6 +7,7 @@
 #include "daily_spend.hpp"
 #include "fast.hpp"
 #include "request_rates.hpp"
+#include "run_budget.hpp"
 #include "shares.hpp"
 
 namespace decision_bounds {
@@ -130,6 +131,7 @@ void start_up(PyObject* module) {
     add_errors_and_protocol(module);
     add_shares(module);
     add_request_rates(module);
+    add_run_budget(module);
     add_daily_spend(module);
 }
 

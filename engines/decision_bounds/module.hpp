@@ -11,17 +11,18 @@ namespace decision_bounds {
 
 // Every name that the module's code looks up at run time (in the namespace, on objects, or as a
 // method), made into an interned string once per module.
-#define DECISION_BOUNDS_NAMES(X)                                                                  \
-    X(__name__) X(__file__) X(__enter__) X(__exit__) X(_POLL_S) X(logger) X(math) X(isinf)        \
-    X(inf) X(Lock) X(Condition) X(_lock) X(_cost) X(_tokens) X(_features) X(per_byte) X(per_call) \
-    X(bound) X(learn) X(add) X(cost) X(input_tokens) X(_cap) X(_today) X(_ledger) X(_changed)     \
-    X(_held) X(_day) X(_capped) X(_today_locked) X(_spent_since) X(warning) X(exc_info) X(admits)  \
-    X(take) X(give_back) X(deadline) X(clock)                                                     \
-    X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) X(DecisionTimeout)            \
-    X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
-    X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
-    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)                \
-    X(_waiters) X(_is_owned) X(notify) X(__init__)
+#define DECISION_BOUNDS_NAMES(X)                                                                     \
+    X(__name__) X(__file__) X(__enter__) X(__exit__) X(_POLL_S) X(logger) X(math) X(isinf) X(inf)    \
+    X(Lock) X(Condition) X(_lock) X(_cost) X(_tokens) X(_features) X(per_byte) X(per_call) X(bound)  \
+    X(learn) X(add) X(cost) X(input_tokens) X(_cap) X(_today) X(_ledger) X(_changed) X(_held)        \
+    X(_day) X(_capped) X(_today_locked) X(_spent_since) X(warning) X(exc_info) X(admits) X(take)     \
+    X(give_back) X(deadline) X(clock) X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) \
+    X(DecisionTimeout) X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back)       \
+    X(settle) X(wait) X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)      \
+    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname) X(_waiters)         \
+    X(_is_owned) X(notify) X(__init__) X(should_stop) X(_held_tokens) X(calls) X(cache_hits)         \
+    X(in_flight) X(max_calls) X(max_tokens) X(cost_usd) X(stopping) X(_exhausted_locked)             \
+    X(_summary_locked) X(reserve) X(release) X(charge) X(cached) X(round)
 
 enum class Name : int {
 #define DECISION_BOUNDS_ENUM(n) n,

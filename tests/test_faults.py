@@ -1,0 +1,205 @@
+"""Faults at every callback the caller gives: each exception comes out unchanged, the owner's lock
+is free afterwards, nothing is held that no call holds, and the object keeps working."""
+
+import _thread
+import collections
+import math
+import threading
+
+import pytest
+
+from engines import decision_bounds as db
+
+from support import Reply, lock_is_free
+
+
+class Boom(BaseException):
+    """An injected fault. Not an `Exception`, so that nothing on its way may swallow it."""
+
+
+class Faults:
+    """Counts the calls of the caller's callables and raises at the k-th call of one of them."""
+
+    def __init__(self, target=None, at=0):
+        self.target, self.at = target, at
+        self.counts = collections.Counter()
+        self.raised = None
+
+    def tick(self, name):
+        self.counts[name] += 1
+        if name == self.target and self.counts[name] == self.at:
+            self.raised = Boom(f"{name} #{self.at}")
+            raise self.raised
+
+    def wrap(self, name, function):
+        def faulty(*args):
+            self.tick(name)
+            return function(*args)
+
+        return faulty
+
+
+class FaultyReply:
+    def __init__(self, faults, cost, input_tokens, cached=False):
+        self._faults, self._cost, self._tokens, self._cached = faults, cost, input_tokens, cached
+
+    @property
+    def cached(self):
+        self._faults.tick("cached")
+        return self._cached
+
+    @property
+    def input_tokens(self):
+        self._faults.tick("input_tokens")
+        return self._tokens
+
+    @property
+    def cost(self):
+        self._faults.tick("cost")
+        return self._cost
+
+
+@pytest.fixture(autouse=True)
+def quick_polls(monkeypatch):
+    monkeypatch.setattr(db, "_POLL_S", 0.002)
+
+
+def budget_scenario(faults, budget):
+    stop_from = [math.inf]
+    budget.should_stop = faults.wrap("should_stop", lambda: faults.counts["should_stop"] >= stop_from[0])
+    with budget.hold(100.0) as share:
+        share.settle(FaultyReply(faults, 0.25, 80))
+    budget.charge(FaultyReply(faults, 0.0, 0, cached=True))
+    with budget.hold(1000.0):  # holds the rest of the tokens: the next call waits until the stop
+        stop_from[0] = faults.counts["should_stop"] + 3
+        with pytest.raises(db.DecisionStopped):
+            budget.reserve(1.0)
+    stop_from[0] = math.inf
+    assert budget.summary()["calls"] >= 1 and not budget.exhausted()
+
+
+def run_budget_case(target, at):
+    faults = Faults(target, at)
+    budget = db.RunBudget(6, 1000)
+    try:
+        budget_scenario(faults, budget)
+    except Boom as error:
+        assert error is faults.raised
+    return faults, budget
+
+
+def budget_cases():
+    faults, _ = run_budget_case(None, 0)
+    return [(name, k) for name, count in faults.counts.items() for k in range(1, count + 1)]
+
+
+@pytest.mark.parametrize("target, at", budget_cases())
+def test_run_budget_survives_a_fault(target, at):
+    faults, budget = run_budget_case(target, at)
+    assert faults.raised is not None
+    assert lock_is_free(budget._changed)
+    # A paid reply whose `cached` cannot be read fails its charge before anything is counted: its
+    # slot and tokens stay in flight. Every other fault leaves nothing held.
+    stuck = target == "cached" and at == 1
+    assert budget.in_flight == (1 if stuck else 0)
+    assert budget._held_tokens == (db._Held(1, 100.0, 0) if stuck else db._Held())
+    if stuck:
+        budget.release(100.0)
+    budget.should_stop = db.never  # the scenario's stop may have been left armed by the fault
+    with budget.hold(10.0) as share:
+        share.settle(Reply(0.5, 7))
+    assert budget.in_flight == 0 and budget._held_tokens == db._Held()
+
+
+def daily_scenario(faults, daily, days, clock_now):
+    daily.spent()
+    bound = faults.wrap("bound", lambda: 0.5)
+    stopping = faults.wrap("stopping", lambda: False)
+    clock = faults.wrap("clock", lambda: clock_now.__setitem__(0, clock_now[0] + 0.01) or clock_now[0])
+    with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
+        share.settle(FaultyReply(faults, 0.5, 10))
+    daily.charge(FaultyReply(faults, 0.25, 0))
+    with daily.admit(lambda: math.inf, deadline=None, clock=clock, stopping=stopping):
+        with pytest.raises(db.DecisionTimeout):  # the unbounded share runs alone
+            daily.admit(bound, deadline=clock_now[0] + 0.03, clock=clock, stopping=stopping)
+    with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
+        days.append("2026-11-24")  # settled after midnight: counted on the new day
+        share.settle(FaultyReply(faults, 0.125, 10))
+    assert daily.spent() == 1.125
+
+
+def run_daily_case(target, at):
+    faults = Faults(target, at)
+    days = ["2026-11-23"]
+    today = faults.wrap("today", lambda: days[-1])
+    ledger = faults.wrap("ledger", lambda day: 1.0 if day == "2026-11-24" else 0.0)
+    daily = db.DailySpend(2.0, today, ledger)
+    try:
+        daily_scenario(faults, daily, days, [0.0])
+    except Boom as error:
+        assert error is faults.raised
+    return faults, daily
+
+
+def daily_cases():
+    faults, _ = run_daily_case(None, 0)
+    return [(name, k) for name, count in faults.counts.items() for k in range(1, count + 1)]
+
+
+@pytest.mark.parametrize("target, at", daily_cases())
+def test_daily_spend_survives_a_fault(target, at):
+    faults, daily = run_daily_case(target, at)
+    assert faults.raised is not None
+    assert lock_is_free(daily._changed)
+    assert daily._held == db._Held()
+    spent = daily.spent()
+    with daily.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never) as share:
+        share.settle(Reply(0.1))
+    assert daily.spent() == pytest.approx(spent + 0.1) and daily._held == db._Held()
+
+
+def test_every_callback_is_reached_by_the_scenarios():
+    budget_faults, _ = run_budget_case(None, 0)
+    daily_faults, _ = run_daily_case(None, 0)
+    assert set(budget_faults.counts) == {"should_stop", "cached", "input_tokens", "cost"}
+    assert set(daily_faults.counts) == {"today", "ledger", "bound", "stopping", "clock", "cost"}
+
+
+def interrupt_while_waiting(wait, give_back):
+    """Interrupts the main thread while `wait()` waits; `give_back` ends the wait if the interrupt
+    is lost, so that the test fails instead of hanging."""
+    interrupt = threading.Timer(0.2, _thread.interrupt_main)
+    rescue = threading.Timer(10.0, give_back)
+    interrupt.start()
+    rescue.start()
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            wait()
+    finally:
+        interrupt.cancel()
+        rescue.cancel()
+        interrupt.join(5)
+        rescue.join(5)
+
+
+def test_keyboard_interrupt_while_waiting_in_reserve(monkeypatch):
+    monkeypatch.setattr(db, "_POLL_S", 0.1)
+    budget = db.RunBudget(5, 100)
+    share = budget.hold(100.0)
+    interrupt_while_waiting(lambda: budget.reserve(1.0), lambda: share.settle(None))
+    assert lock_is_free(budget._changed) and budget.in_flight == 1
+    share.settle(None)
+    assert budget.in_flight == 0 and budget._held_tokens == db._Held()
+
+
+def test_keyboard_interrupt_while_waiting_in_admit(monkeypatch):
+    monkeypatch.setattr(db, "_POLL_S", 0.1)
+    daily = db.DailySpend(1.0, lambda: "2026-11-23", None)
+    share = daily.admit(lambda: math.inf, deadline=None, clock=lambda: 0.0, stopping=db.never)
+    interrupt_while_waiting(
+        lambda: daily.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never),
+        lambda: share.settle(None),
+    )
+    assert lock_is_free(daily._changed) and daily._held == db._Held(1, 0.0, 1)
+    share.settle(None)
+    assert daily._held == db._Held()

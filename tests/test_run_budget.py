@@ -1,0 +1,266 @@
+import dataclasses
+import gc
+import inspect
+import math
+import random
+import threading
+import time
+import weakref
+
+import pytest
+
+from engines import decision_bounds as db
+
+from support import lock_is_free
+
+DOC = """Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and
+    the tokens it may use from :meth:`hold` until its share settles (:meth:`charge` or
+    :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
+    starts."""
+RESERVE_DOC = """Take a call slot and ``tokens`` before a network call, waiting while the calls in flight
+        hold the rest of the tokens.
+
+        Args:
+            tokens: The most input tokens the call may use; ``math.inf`` when that is not known.
+
+        Raises:
+            DecisionBudgetExceeded: No call or no token is left.
+            DecisionStopped: The pass is stopping, before or while the call waits.
+        """
+METHODS = {
+    "stopping": ("(self) -> 'bool'", "Whether the pass has been asked to stop."),
+    "exhausted": ("(self) -> 'bool'", None),
+    "_exhausted_locked": ("(self) -> 'bool'", None),
+    "reserve": ("(self, tokens: 'float' = 0.0) -> 'None'", RESERVE_DOC),
+    "hold": ("(self, tokens: 'float') -> 'Share'", ":meth:`reserve` a call slot and ``tokens``, as a share that "
+             "settles by :meth:`charge`\n        with the paid reply, or by :meth:`release` without one."),
+    "release": ("(self, tokens: 'float' = 0.0) -> 'None'", "Give a reserved slot and its ``tokens`` back after a "
+                "failed call."),
+    "charge": ("(self, result: 'PaidReply', tokens: 'float' = 0.0) -> 'None'", "Record a completed call (settling "
+               "its reserved slot and ``tokens``) or a cache hit."),
+    "summary": ("(self) -> 'dict[str, Any]'", None),
+    "_summary_locked": ("(self) -> 'dict[str, Any]'", None),
+}
+FIELDS = {"max_calls": "int", "max_tokens": "int", "calls": "int", "input_tokens": "int", "cost": "float",
+          "cache_hits": "int", "in_flight": "int", "should_stop": "Callable[[], bool]", "_held_tokens": "_Held",
+          "_changed": "threading.Condition"}
+
+
+def test_dataclass_surface():
+    cls, budget = db.RunBudget, db.RunBudget(3, 1000)
+    assert cls.__doc__ == DOC and cls.__annotations__ == FIELDS and list(cls.__annotations__) == list(FIELDS)
+    assert cls.__match_args__ == tuple(FIELDS) and cls.__hash__ is None and dataclasses.is_dataclass(cls)
+    assert [(f.name, f.repr, f.compare) for f in dataclasses.fields(cls)] == [(n, i < 7, i < 7) for i, n in
+                                                                             enumerate(FIELDS)]
+    assert {k: vars(cls)[k] for k in list(FIELDS)[2:8]} == dict(calls=0, input_tokens=0, cost=0.0, cache_hits=0,
+                                                                 in_flight=0, should_stop=db.never)
+    assert not {"max_calls", "max_tokens", "_held_tokens", "_changed"} & set(vars(cls))
+    assert repr(budget) == ("RunBudget(max_calls=3, max_tokens=1000, calls=0, input_tokens=0, cost=0.0, "
+                            "cache_hits=0, in_flight=0)")
+    assert budget._held_tokens == db._Held() and budget._held_tokens is not db.RunBudget(3, 1000)._held_tokens
+    assert type(budget._changed) is threading.Condition and budget.should_stop is db.never
+    assert budget == db.RunBudget(3, 1000, should_stop=lambda: True) != db.RunBudget(3, 1000, in_flight=1)
+    assert budget.__eq__(object()) is NotImplemented
+    with pytest.raises(TypeError, match="unhashable"):
+        hash(budget)
+    with pytest.raises(TypeError, match="missing 2 required positional arguments: 'max_calls' and 'max_tokens'"):
+        db.RunBudget()
+    assert [n for n in vars(cls) if n in METHODS] == list(METHODS)
+
+
+@pytest.mark.parametrize("method", METHODS)
+def test_methods_look_like_python_methods(method):
+    function = vars(db.RunBudget)[method]
+    assert (str(inspect.signature(function)), function.__doc__) == METHODS[method]
+    assert (function.__name__, function.__qualname__) == (method, f"RunBudget.{method}")
+
+
+def test_each_hold_makes_a_new_give_back_that_keeps_the_budget_alive():
+    budget = db.RunBudget(5, 1000)
+    first, second = budget.hold(1.0), budget.hold(2.0)
+    give_back = first._give_back
+    assert give_back is not second._give_back and give_back.__doc__ is None
+    assert (give_back.__name__, give_back.__qualname__) == ("give_back", "RunBudget.hold.<locals>.give_back")
+    assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
+    alive = weakref.ref(budget)
+    budget.cycle = [first, second]  # the shares reach the budget and the budget the shares
+    del budget, give_back
+    gc.collect()
+    assert alive() is not None and alive().in_flight == 2
+    del first, second
+    gc.collect()
+    assert alive() is None
+
+
+@pytest.mark.parametrize("fields, exhausted", [
+    (dict(calls=2, in_flight=1), True), (dict(calls=1, in_flight=1), False), (dict(input_tokens=1000), True),
+    (dict(input_tokens=999), False), (dict(calls=3, input_tokens=5000), True), (dict(max_calls=0), True),
+])
+def test_exhaustion_is_greater_or_equal_and_refuses_at_once(fields, exhausted, monkeypatch):
+    monkeypatch.setattr(db, "_POLL_S", 30.0)
+    budget = db.RunBudget(**{"max_calls": 3, "max_tokens": 1000, **fields})
+    assert budget.exhausted() is exhausted
+    if exhausted:
+        with pytest.raises(db.DecisionBudgetExceeded, match=r"^decision budget exhausted: \{'calls': "):
+            budget.reserve(math.inf)
+    else:
+        budget.reserve(math.inf)  # nothing held: any share is admitted, unbounded or not
+        assert budget.in_flight == fields.get("in_flight", 0) + 1
+
+
+def test_exhaustion_message_and_precedence_of_the_stop():
+    budget = db.RunBudget(2, 500, calls=2, input_tokens=900, cost=0.25, cache_hits=1)
+    with pytest.raises(db.DecisionBudgetExceeded) as raised:
+        budget.reserve()
+    assert raised.value.args == ("decision budget exhausted: {'calls': 2, 'cache_hits': 1, 'input_tokens': 900, "
+                                 "'cost_usd': 0.25, 'max_calls': 2, 'max_tokens': 500}",)
+    budget.should_stop = lambda: 1
+    with pytest.raises(db.DecisionStopped, match="^the pass was asked to stop$"):
+        budget.hold(1.0)
+    assert budget.stopping() is True and budget.in_flight == 0
+    assert db.RunBudget(1, 1, cost=0.1234567).summary()["cost_usd"] == 0.123457
+
+
+class Stop:
+    """A stop predicate that says when it is asked under the lock (second call on), and can raise."""
+
+    def __init__(self, raise_at=None):
+        self.now, self.asked, self.raise_at, self.waiting = False, 0, raise_at, threading.Event()
+
+    def __call__(self):
+        self.asked += 1
+        if self.asked == self.raise_at:
+            raise KeyError("stop")
+        if self.asked >= 2:
+            self.waiting.set()
+        return self.now
+
+
+def waiter(budget, stop, tokens=1.0):
+    """Starts `budget.reserve(tokens)` on a thread and returns once it waits with the lock free."""
+    outcome = []
+
+    def run():
+        try:
+            outcome.append(budget.reserve(tokens))
+        except Exception as error:
+            outcome.append(error)
+        outcome.append(time.monotonic())
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    assert stop.waiting.wait(5.0)
+    assert lock_is_free(budget._changed)  # taken only once the waiter waits
+    return thread, outcome
+
+
+def settle(budget, how, reply):
+    if how == "release":
+        budget.release(600.0)
+    elif how == "stop_and_exhaust":  # both seen at one wake-up: exhaustion is tested first
+        with budget._changed:
+            budget.should_stop.now = True
+            budget.charge(reply(input_tokens=1000), 600.0)
+    else:
+        budget.charge(reply(input_tokens=how), 600.0)
+
+
+@pytest.mark.parametrize("how, admitted", [("release", True), (100, True), (1000, False), ("stop_and_exhaust",
+                                                                                              False)])
+def test_a_give_back_on_another_thread_wakes_the_waiter_at_once(monkeypatch, reply, how, admitted):
+    monkeypatch.setattr(db, "_POLL_S", 30.0)
+    budget = db.RunBudget(5, 1000)
+    budget.reserve(600.0)
+    budget.reserve(400.0)
+    budget.should_stop = stop = Stop()
+    thread, outcome = waiter(budget, stop)
+    budget.charge(reply(cached=True))  # frees nothing, wakes nobody
+    time.sleep(0.05)
+    assert stop.asked == 2 and thread.is_alive() and budget.cache_hits == 1
+    start = time.monotonic()
+    settle(budget, how, reply)
+    thread.join(5.0)
+    assert not thread.is_alive() and outcome[1] - start < 2.0
+    assert outcome[0] is None if admitted else type(outcome[0]) is db.DecisionBudgetExceeded
+    assert budget.in_flight == 1 + admitted
+
+
+@pytest.mark.parametrize("raise_at", [None, 1, 2])
+def test_stops_and_stop_errors_end_the_wait_with_the_lock_free(monkeypatch, raise_at):
+    monkeypatch.setattr(db, "_POLL_S", 0.05)
+    budget = db.RunBudget(5, 1000)
+    budget.reserve(1000.0)
+    budget.should_stop = stop = Stop(raise_at)
+    if raise_at:
+        with pytest.raises(KeyError, match="stop"):
+            budget.reserve(1.0)
+    else:
+        thread, outcome = waiter(budget, stop)
+        stop.now, start = True, time.monotonic()  # no notification: seen at the next poll
+        thread.join(5.0)
+        assert type(outcome[0]) is db.DecisionStopped and outcome[1] - start < 2.0
+    assert budget.in_flight == 1 and lock_is_free(budget._changed)
+
+
+class Unreadable:
+    cached, input_tokens = False, 7
+
+    @property
+    def cost(self):
+        raise ZeroDivisionError
+
+
+@pytest.mark.parametrize("act, error, counted", [
+    (lambda b: b.reserve("many"), TypeError, (1, 0, 0)), (lambda b: b.hold(None), TypeError, (1, 0, 0)),
+    (lambda b: b.charge(Unreadable(), 5.0), ZeroDivisionError, (0, 1, 7)),  # counted up to the cost, in order
+])
+def test_errors_pass_through_with_the_lock_free(act, error, counted):
+    budget = db.RunBudget(5, 1000)
+    budget.reserve(5.0)
+    with pytest.raises(error):
+        act(budget)
+    assert (budget.in_flight, budget.calls, budget.input_tokens) == counted and budget.cost == 0.0
+    assert lock_is_free(budget._changed)
+
+
+def test_many_threads_never_hold_more_than_the_rule_allows(reply):
+    admissions, rule_broken = [], []
+
+    class Recording(db._Held):
+        def take(self, share):  # called under the budget's lock, right after `admits` said yes
+            admissions.append(share)
+            if (not budget._changed._is_owned() or self.unbounded or (math.isinf(share) and self.holders)
+                    or budget.input_tokens + self.amount >= 1000):
+                rule_broken.append((share, self.holders, self.amount, self.unbounded, budget.input_tokens))
+            super().take(share)
+
+    class Falsy(reply):  # a paid reply is told from None by identity, not by truth
+        def __bool__(self):
+            return False
+
+    budget = db.RunBudget(10**6, 1000, should_stop=lambda: late, _held_tokens=Recording())
+    paid, late = [], False
+
+    def run(seed):
+        rng = random.Random(seed)
+        for _ in range(25):
+            tokens = math.inf if rng.random() < 0.1 else rng.random() * 400
+            with budget.hold(tokens) as share:
+                time.sleep(rng.random() * 0.002)
+                if rng.random() < 0.6:
+                    paid.append(used := rng.randrange(3))
+                    share.settle(Falsy(cost=0.25, input_tokens=used))
+
+    threads = [threading.Thread(target=run, args=(seed,), daemon=True) for seed in range(16)]
+    for thread in threads:
+        thread.start()
+    deadline = time.monotonic() + 30.0
+    for thread in threads:
+        thread.join(max(0.0, deadline - time.monotonic()))
+    late = any(thread.is_alive() for thread in threads)  # a stuck run is stopped, not left waiting
+    assert not late and not rule_broken
+    assert len(admissions) == 400 and math.inf in admissions
+    assert (budget.in_flight, budget.calls, budget.input_tokens, budget.cost) == (0, len(paid), sum(paid),
+                                                                                  0.25 * len(paid))
+    held = budget._held_tokens
+    assert (held.holders, held.amount, held.unbounded) == (0, 0.0, 0) and type(held.amount) is float
