@@ -99,7 +99,8 @@ Ref daily_spent(FunctionObject* fn, PyObject* const* args) {
 
 Ref daily_today_locked(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Ref today = call_own(fn, self, Name::_today);
+    // `self._today()`: an instance attribute, read in the instance dict, then called.
+    Ref today = call(attribute(fn, self, Name::_today).get());
     Ref day = attribute(fn, self, Name::_day);
     if (compare(today.get(), day.get(), Py_NE)) {
         // The ledger is read before anything changes: if it is interrupted, the day is tried again.

@@ -50,7 +50,8 @@ void free_slot(FunctionObject* fn, PyObject* self) {
 }
 
 Ref stopping_body(FunctionObject* fn, PyObject* const* args) {
-    return boolean(truthy(call_method(args[0], name(fn, Name::should_stop)).get()));
+    // `self.should_stop()`: a field, read in the instance dict, then called.
+    return boolean(truthy(call(attr(fn, args[0], Name::should_stop).get()).get()));
 }
 
 Ref exhausted_body(FunctionObject* fn, PyObject* const* args) {
