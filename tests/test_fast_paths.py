@@ -166,3 +166,11 @@ def test_a_method_replaced_on_a_subclass_or_instance_is_the_one_called(where):
         daily._held.admits = lambda *args: seen.append(args) or db._Held.admits(held, *args)
     settle_one(daily)
     assert seen == [(1.0, 0.0, 10.0)]
+
+
+def test_keyword_names_made_at_run_time_bind_by_value():
+    held = db._Held()
+    names = ["".join(parts) for parts in (("sh", "are"), ("us", "ed"), ("lim", "it"))]
+    assert held.admits(**dict(zip(names, (1.0, 2.0, 3.0)))) is True
+    with pytest.raises(TypeError, match="unexpected keyword argument 'sharex'"):
+        held.admits(**{"".join(("share", "x")): 1.0, "used": 2.0, "limit": 3.0})

@@ -133,8 +133,27 @@ struct Named {
     }
 };
 
-// Finds the slot of a keyword argument, or -1.
-Py_ssize_t slot_of_keyword(const Named& named, PyObject* keyword) {
+// The interned names of the named parameters, in slot order, made once per function.
+PyObject* keywords_of(FunctionObject* fn, const Named& named) {
+    if (fn->keywords == nullptr) {
+        Ref names = own(PyTuple_New(named.count));
+        for (Py_ssize_t i = 0; i < named.count; ++i) {
+            PyTuple_SET_ITEM(names.get(), i, own(PyUnicode_InternFromString(named.params[i]->name)).release());
+        }
+        fn->keywords = names.release();
+    }
+    return fn->keywords;
+}
+
+// Finds the slot of a keyword argument, or -1: by identity first, as the interpreter does, since
+// the names a call passes are interned as the parameters' are; then by value.
+Py_ssize_t slot_of_keyword(FunctionObject* fn, const Named& named, PyObject* keyword) {
+    PyObject* names = keywords_of(fn, named);
+    for (Py_ssize_t i = 0; i < named.count; ++i) {
+        if (PyTuple_GET_ITEM(names, i) == keyword) {
+            return i;
+        }
+    }
     for (Py_ssize_t i = 0; i < named.count; ++i) {
         if (equals_ascii(keyword, named.params[i]->name)) {
             return i;
@@ -178,7 +197,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < nkw; ++k) {
         PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
-        Py_ssize_t i = slot_of_keyword(order, keyword);
+        Py_ssize_t i = slot_of_keyword(fn, order, keyword);
         if (i < 0) {
             PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(fn), keyword);
             raise_current();
@@ -483,6 +502,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(fn->annotations);
     Py_VISIT(fn->code);
     Py_VISIT(fn->dict);
+    Py_VISIT(fn->keywords);
     for (PyObject* kept : fn->captured) {
         Py_VISIT(kept);
     }
@@ -502,6 +522,7 @@ int function_clear(PyObject* self) noexcept {
     Py_CLEAR(fn->annotations);
     Py_CLEAR(fn->code);
     Py_CLEAR(fn->dict);
+    Py_CLEAR(fn->keywords);
     for (PyObject*& kept : fn->captured) {
         Py_CLEAR(kept);
     }
@@ -572,6 +593,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults
     fn->kwdefaults = Py_XNewRef(kwdefaults);
     fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
     fn->captured[0] = fn->captured[1] = nullptr;
+    fn->keywords = nullptr;
     PyObject_GC_Track(fn);
     PyObject* module_name = PyDict_GetItemWithError(fn->globals, name(module, Name::__name__));
     if (module_name == nullptr && PyErr_Occurred()) {

@@ -58,6 +58,8 @@ struct FunctionObject {
     PyObject* dict;
     PyObject* weakrefs;
     PyObject* captured[2];  // what a function made inside another call keeps (strong, may be null)
+    PyObject* keywords;     // the named parameters' names, interned, in slot order: made at the
+                            // first call with keyword arguments
 };
 
 // The function type's spec, to make the type for one module.
