@@ -121,6 +121,7 @@ void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value) 
 void init_fast_paths(PyObject* module) {
     FastPaths& fast = state_of(module).fast;
     fast.empty_tuple = own(PyTuple_New(0)).release();
+    fast.zero = own(PyFloat_FromDouble(0.0)).release();
 
     Ref threading = own(PyImport_ImportModule("threading"));
     Ref condition = attribute(threading.get(), "Condition");
@@ -193,6 +194,7 @@ void clear_fast_paths(FastPaths& fast) {
     Py_CLEAR(fast.math_module);
     Py_CLEAR(fast.math_isinf);
     Py_CLEAR(fast.empty_tuple);
+    Py_CLEAR(fast.zero);
     fast.condition_version = 0;
     fast.rlock_acquire = nullptr;
     fast.rlock_release = nullptr;

@@ -55,6 +55,7 @@ struct FastPaths {
     PyObject* math_module;           // `math` and its `isinf`
     PyObject* math_isinf;
     PyObject* empty_tuple;
+    PyObject* zero;                  // the float 0.0, as a constant of the code would be shared
 };
 
 struct ModuleState {

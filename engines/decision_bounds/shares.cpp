@@ -171,12 +171,12 @@ Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
     if (is_unbounded(fn, share)) {
         take_from(fn, self, Name::unbounded, integer(1).get(), integer(0));
     } else {
-        take_from(fn, self, Name::amount, share, real(0.0));
+        take_from(fn, self, Name::amount, share, Ref::borrow(state_of(fn).fast.zero));
     }
     // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
     Ref holders = get_field(fn, self, Name::holders);
     if (compare(holders.get(), integer(0).get(), Py_EQ)) {
-        set_field(fn, self, Name::amount, real(0.0).get());
+        set_field(fn, self, Name::amount, state_of(fn).fast.zero);
     }
     return none();
 }
