@@ -7,16 +7,21 @@ import subprocess
 import sys
 import textwrap
 import threading
+import time
 import tracemalloc
+import weakref
 
 import pytest
-from hypothesis import strategies as st
-from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 
 from engines import decision_bounds as db
 
+from support import Reply
 
-KEPT = [db.Share, db._Held, db._nothing, db.never, db.DecisionStopped, type(db.never), db.logger]
+
+KEPT = [
+    db.Share, db._Held, db._nothing, db.never, db.DecisionStopped, type(db.never), db.logger, db.RunBudget,
+    db.DailySpend, db.RequestRates, db._Charges, db.DecisionBudgetExceeded, db.RunBudget.hold, db._wait,
+]
 
 
 def growth(operation, rounds=4, per_round=2000):
@@ -88,15 +93,106 @@ def timed_out_wait():
             pass
 
 
-OPERATIONS = [share_settled, share_left_in_a_block, held_round, binding_error, stopped_wait, timed_out_wait]
+def budget_round():
+    budget = db.RunBudget(3, 1000)
+    with budget.hold(float(len(gc.garbage) + 10)) as share:
+        share.settle(Reply(0.25, 80))
+    with budget.hold(5.0):
+        pass
+    budget.reserve(1.0)
+    budget.charge(Reply(0.5, 1), 1.0)
+    budget.charge(Reply(cached=True))
+    budget.exhausted()
+    budget.summary()
+    try:
+        budget.reserve(1.0)
+    except db.DecisionBudgetExceeded:
+        pass
+
+
+def stopped_budget():
+    try:
+        db.RunBudget(3, 1000, should_stop=lambda: True).hold(1.0)
+    except db.DecisionStopped:
+        pass
+
+
+def daily_round():
+    day = ["2026-11-23"]
+    daily = db.DailySpend(1.0, lambda: day[0], lambda d: "0.5")
+    bound = float(len(gc.garbage) + 0.25)
+    with daily.admit(lambda: bound, deadline=None, clock=time.monotonic, stopping=db.never) as share:
+        day[0] = "2026-11-24"
+        share.settle(Reply(0.25))
+    with daily.admit(lambda: bound, deadline=1.0, clock=lambda: 0.0, stopping=db.never):
+        pass
+    daily.charge(Reply(0.5))
+    daily.spent()
+    try:
+        daily.admit(lambda: bound, deadline=None, clock=time.monotonic, stopping=db.never)
+    except db.DecisionBudgetExceeded:
+        pass
+
+
+def unreadable_ledger():
+    db.DailySpend(1.0, lambda: "2026-11-23", lambda day: None).spent()
+
+
+def rates_round():
+    rates = db.RequestRates()
+    rates.cost(100, "a")
+    rates.tokens(100)
+    rates.learn(100, "a", Reply(0.002, 300))
+    rates.learn(10, ("b", len(gc.garbage)), Reply(1.0, 7))
+    rates.cost(1000, "a")
+    rates.tokens(2000)
+
+
+OPERATIONS = [
+    share_settled, share_left_in_a_block, held_round, binding_error, stopped_wait, timed_out_wait, budget_round,
+    stopped_budget, daily_round, unreadable_ledger, rates_round,
+]
+
+
+@pytest.fixture
+def quiet_logger():
+    db.logger.disabled = True
+    yield
+    db.logger.disabled = False
 
 
 @pytest.mark.parametrize("operation", OPERATIONS, ids=lambda op: op.__name__)
-def test_repeated_operations_leave_memory_flat(operation):
+def test_repeated_operations_leave_memory_flat(operation, quiet_logger):
     memory, objects, references = growth(operation)
     assert references == [0] * len(KEPT)
     # A reference leaked per call would add at least 2000 objects of 16 bytes or more per round.
     assert memory < 8 * 2000 and objects < 100, (memory, objects)
+
+
+def test_an_owner_dropped_while_its_shares_live_is_freed_with_them():
+    budget = db.RunBudget(5, 1000)
+    daily = db.DailySpend(1.0, lambda: "2026-11-23", None)
+    shares = [budget.hold(10.0), daily.admit(lambda: 0.1, deadline=None, clock=time.monotonic, stopping=db.never)]
+    owners = [weakref.ref(budget), weakref.ref(daily)]
+    del budget, daily
+    gc.collect()
+    assert all(owner() is not None for owner in owners)  # the shares keep their owners alive
+    shares[0].settle(Reply(0.1, 5))  # a share given back lets go of its owner
+    gc.collect()
+    assert owners[0]() is None and owners[1]() is not None
+    del shares
+    gc.collect()
+    assert owners[1]() is None
+
+
+def test_a_function_in_a_cycle_is_collected():
+    give_back = db.RunBudget(5, 1000).hold(10.0)._give_back
+    give_back.me = give_back  # its __dict__ refers back to it
+    give_back.budget_and_share = [give_back, give_back.__code__, give_back.__annotations__]
+    ref = weakref.ref(give_back)
+    del give_back
+    gc.collect()
+    assert ref() is None
 
 
 def test_a_reimport_gives_an_independent_module_and_the_old_one_keeps_working(monkeypatch):
@@ -131,10 +227,15 @@ def test_imports_and_works_in_an_interpreter_with_its_own_gil():
         got = []
         with db.Share(got.append) as share:
             share.settle("paid")
-        held = db._Held()
-        held.take(2.0)
-        held.give_back(2.0)
-        assert got == ["paid"] and held == db._Held(), (got, held)
+        class Reply:
+            cached, input_tokens, cost = False, 80, 0.25
+        budget = db.RunBudget(2, 1000)
+        with budget.hold(100.0) as share:
+            share.settle(Reply())
+        daily = db.DailySpend(1.0, lambda: "2026-11-23", None)
+        with daily.admit(lambda: 0.5, deadline=None, clock=lambda: 0.0, stopping=db.never) as share:
+            share.settle(Reply())
+        assert got == ["paid"] and (budget.calls, budget.in_flight, daily.spent()) == (1, 0, 0.25)
         ''')
         interpreters.destroy(interpreter)
         print("ok")
@@ -142,70 +243,3 @@ def test_imports_and_works_in_an_interpreter_with_its_own_gil():
     )
     out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
     assert out.stdout.strip() == "ok", out.stderr
-
-
-shares = st.one_of(st.floats(min_value=0.0, max_value=1e6), st.integers(0, 10**6), st.just(math.inf))
-
-
-class HeldModel(RuleBasedStateMachine):
-    """`_Held` against a small model of its bookkeeping, one operation at a time."""
-
-    def __init__(self):
-        super().__init__()
-        self.held = db._Held()
-        self.taken = []
-        self.holders, self.amount, self.unbounded = 0, 0.0, 0
-        self.matched = True  # every give-back so far gave back a taken share
-
-    @rule(share=shares, used=st.floats(0.0, 2e6), limit=st.floats(0.0, 2e6))
-    def admits(self, share, used, limit):
-        if self.unbounded:
-            expected = False
-        elif math.isinf(share) and self.holders:
-            expected = False
-        else:
-            expected = used + self.amount < limit
-        assert self.held.admits(share, used, limit) is expected
-
-    @rule(share=shares)
-    def take(self, share):
-        self.held.take(share)
-        self.taken.append(share)
-        self.holders += 1
-        if math.isinf(share):
-            self.unbounded += 1
-        else:
-            self.amount += share
-
-    def _give_back(self, share):
-        self.held.give_back(share)
-        self.holders = max(0, self.holders - 1)
-        if math.isinf(share):
-            self.unbounded = max(0, self.unbounded - 1)
-        else:
-            self.amount = max(0.0, self.amount - share)
-        if self.holders == 0:
-            self.amount = 0.0
-
-    @precondition(lambda self: self.taken)
-    @rule(data=st.data())
-    def give_back_a_taken_share(self, data):
-        share = self.taken.pop(data.draw(st.integers(0, len(self.taken) - 1)))
-        self._give_back(share)
-
-    @rule(share=shares)
-    def give_back_more_than_taken(self, share):
-        self.matched = False
-        self._give_back(share)
-
-    @invariant()
-    def agrees(self):
-        assert (self.held.holders, self.held.amount, self.held.unbounded) == (self.holders, self.amount, self.unbounded)
-        assert self.held.amount >= 0.0 and self.held.unbounded >= 0
-        if self.matched:
-            assert self.held.holders >= self.held.unbounded
-        if self.held.holders == 0:
-            assert self.held.amount == 0.0 and type(self.held.amount) is float
-
-
-test_held_follows_its_model = HeldModel.TestCase
