@@ -16,7 +16,6 @@ constexpr const char* cap_reached =
     "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume tomorrow, "
     "cached answers are still used";
 
-Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
 Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(fn, self, n); }
 void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(fn, self, n, value); }
@@ -143,17 +142,6 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
 
 // admit, charge, _give_back
 
-// Raises `DecisionBudgetExceeded(message)`, the class looked up in the namespace.
-[[noreturn]] void refuse(FunctionObject* fn, const Ref& message) {
-    Ref error = call(global(fn, Name::DecisionBudgetExceeded).get(), message.get());
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-    } else {
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-    }
-    raise_current();
-}
-
 Ref formatted(PyObject* value, const char* spec) { return own(PyObject_Format(value, text(spec).get())); }
 
 Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
@@ -205,7 +193,7 @@ Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
     Ref parts = own(PyTuple_Pack(5, text("the daily decision cost cap is reached: $").get(),
                                  formatted(cost.get(), ".4f").get(), text(" of $").get(),
                                  formatted(cap.get(), ".2f").get(), text(" spent today (UTC)").get()));
-    refuse(fn, own(PyUnicode_Join(text("").get(), parts.get())));
+    raise_error(fn, Name::DecisionBudgetExceeded, own(PyUnicode_Join(text("").get(), parts.get())));
 }
 
 Ref daily_charge(FunctionObject* fn, PyObject* const* args) {

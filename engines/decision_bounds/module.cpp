@@ -77,7 +77,6 @@ constexpr FunctionSpec nothing_spec = {"_nothing", "_nothing", "Give back a shar
 
 Ref import(const char* module_name) { return own(PyImport_ImportModule(module_name)); }
 
-Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
 void add_errors_and_protocol(PyObject* module) {
     for (const auto& [error, base, doc] : error_docs) {

@@ -5,7 +5,6 @@
 namespace decision_bounds {
 namespace {
 
-Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 
 // _Charges
 

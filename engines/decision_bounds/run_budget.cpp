@@ -10,7 +10,6 @@ constexpr const char* budget_doc = R"doc(Bounds one batch pass: its calls, its t
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
     starts.)doc";
 
-Ref integer(long value) { return own(PyLong_FromLong(value)); }
 
 // The budget's own fields (and its `_Held`'s), straight from their instance dicts (fast.hpp).
 Ref attr(FunctionObject* fn, PyObject* object, Name n) { return get_field(fn, object, n); }
@@ -36,17 +35,6 @@ void free_slot(FunctionObject* fn, PyObject* self) {
     Ref value = attr(fn, self, Name::in_flight);
     Ref less = own(PyNumber_Subtract(value.get(), integer(1).get()));
     set_attr(fn, self, Name::in_flight, maximum(integer(0).get(), less.get()).get());
-}
-
-// Raises the module's exception class `cls`, looked up in the namespace, with the text `message`.
-[[noreturn]] void raise_with(FunctionObject* fn, Name cls, const Ref& message) {
-    Ref error = call(global(fn, cls).get(), message.get());
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-    } else {
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-    }
-    raise_current();
 }
 
 Ref stopping_body(FunctionObject* fn, PyObject* const* args) {
@@ -91,7 +79,7 @@ Ref reserve_body(FunctionObject* fn, PyObject* const* args) {
         // Every field is read afresh on each pass: a wait lets other threads change all of them.
         if (truthy(call_method_of(fn, self, Name::_exhausted_locked).get())) {
             Ref summary = call_method_of(fn, self, Name::_summary_locked);
-            raise_with(fn, Name::DecisionBudgetExceeded,
+            raise_error(fn, Name::DecisionBudgetExceeded,
                        own(PyUnicode_FromFormat("decision budget exhausted: %S", summary.get())));
         }
         Ref held = attr(fn, self, Name::_held_tokens);

@@ -107,8 +107,6 @@ PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObje
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
 
-Ref integer(long value) { return own(PyLong_FromLong(value)); }
-Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 
 Ref held_admits(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
@@ -290,9 +288,9 @@ Holding::~Holding() {
     }
 }
 
-void raise_error(FunctionObject* fn, Name cls, const char* message) {
+void raise_error(FunctionObject* fn, Name cls, const Ref& message) {
     Ref error_class = global(fn, cls);
-    Ref error = call(error_class.get(), own(PyUnicode_FromString(message)).get());
+    Ref error = call(error_class.get(), message.get());
     if (!PyExceptionInstance_Check(error.get())) {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
     } else {

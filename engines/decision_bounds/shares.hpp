@@ -37,7 +37,10 @@ private:
 };
 
 // Raises the module's exception class `cls`, looked up in the namespace, with one message.
-[[noreturn]] void raise_error(FunctionObject* fn, Name cls, const char* message);
+[[noreturn]] void raise_error(FunctionObject* fn, Name cls, const Ref& message);
+[[noreturn]] inline void raise_error(FunctionObject* fn, Name cls, const char* message) {
+    raise_error(fn, cls, text(message));
+}
 
 // `math.isinf(value)`, with `math` looked up in the namespace.
 bool is_unbounded(FunctionObject* fn, PyObject* value);
