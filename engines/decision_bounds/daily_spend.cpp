@@ -16,17 +16,16 @@ constexpr const char* cap_reached =
     "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume tomorrow, "
     "cached answers are still used";
 
-Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
-Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return getattr(self, name(fn, n)); }
-void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { setattr(self, name(fn, n), value); }
+Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(fn, self, n); }
+void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(fn, self, n, value); }
 
 // `self.<n>()`, as a method call, so a subclass's override is the one called.
-Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method(self, name(fn, n)); }
+Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method_of(fn, self, n); }
 
-// `self._changed.notify_all()`
-void notify_all(FunctionObject* fn, PyObject* self) {
-    call_method(attribute(fn, self, Name::_changed).get(), name(fn, Name::notify_all));
+// `self._changed.notify_all()`, inside the block that holds it.
+void notify_all(FunctionObject* fn, PyObject* self, Holding& changed) {
+    changed.notify_all(attribute(fn, self, Name::_changed).get());
 }
 
 // `self._cost += reply.cost`
@@ -99,11 +98,12 @@ Ref daily_spent(FunctionObject* fn, PyObject* const* args) {
 
 Ref daily_today_locked(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Ref today = call_own(fn, self, Name::_today);
+    // `self._today()`: an instance attribute, read in the instance dict, then called.
+    Ref today = call(attribute(fn, self, Name::_today).get());
     Ref day = attribute(fn, self, Name::_day);
     if (compare(today.get(), day.get(), Py_NE)) {
         // The ledger is read before anything changes: if it is interrupted, the day is tried again.
-        Ref figure = call_method(self, name(fn, Name::_spent_since), today.get());
+        Ref figure = call_method_of(fn, self, Name::_spent_since, today.get());
         set_attribute(fn, self, Name::_day, today.get());
         set_attribute(fn, self, Name::_cost, figure.get());
         set_attribute(fn, self, Name::_capped, Py_False);
@@ -142,17 +142,6 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
 
 // admit, charge, _give_back
 
-// Raises `DecisionBudgetExceeded(message)`, the class looked up in the namespace.
-[[noreturn]] void refuse(FunctionObject* fn, const Ref& message) {
-    Ref error = call(global(fn, Name::DecisionBudgetExceeded).get(), message.get());
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-    } else {
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-    }
-    raise_current();
-}
-
 Ref formatted(PyObject* value, const char* spec) { return own(PyObject_Format(value, text(spec).get())); }
 
 Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
@@ -177,11 +166,11 @@ Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
             // Read afresh after `bound()`, which runs the caller's code.
             cap = attribute(fn, self, Name::_cap);
             Ref account = attribute(fn, self, Name::_held);
-            if (truthy(call_method(account.get(), name(fn, Name::admits), held.get(), cost.get(), cap.get()).get())) {
-                call_method(account.get(), name(fn, Name::take), held.get());
+            if (truthy(call_method_of(fn, account.get(), Name::admits, held.get(), cost.get(), cap.get()).get())) {
+                call_method_of(fn, account.get(), Name::take, held.get());
                 // The share gives back exactly what was taken, whatever `bound()` says later.
                 Ref partial = getattr(global(fn, Name::functools).get(), name(fn, Name::partial));
-                Ref give_back = call(partial.get(), attribute(fn, self, Name::_give_back).get(), held.get());
+                Ref give_back = call(partial.get(), getattr(self, name(fn, Name::_give_back)).get(), held.get());
                 Ref share = call(global(fn, Name::Share).get(), give_back.get());
                 changed.leave();
                 return share;
@@ -204,7 +193,7 @@ Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
     Ref parts = own(PyTuple_Pack(5, text("the daily decision cost cap is reached: $").get(),
                                  formatted(cost.get(), ".4f").get(), text(" of $").get(),
                                  formatted(cap.get(), ".2f").get(), text(" spent today (UTC)").get()));
-    refuse(fn, own(PyUnicode_Join(text("").get(), parts.get())));
+    raise_error(fn, Name::DecisionBudgetExceeded, own(PyUnicode_Join(text("").get(), parts.get())));
 }
 
 Ref daily_charge(FunctionObject* fn, PyObject* const* args) {
@@ -212,7 +201,7 @@ Ref daily_charge(FunctionObject* fn, PyObject* const* args) {
     Holding changed(fn, attribute(fn, self, Name::_changed).get());
     call_own(fn, self, Name::_today_locked);
     count(fn, self, args[1]);
-    notify_all(fn, self);
+    notify_all(fn, self, changed);
     changed.leave();
     return none();
 }
@@ -233,8 +222,8 @@ Ref daily_give_back(FunctionObject* fn, PyObject* const* args) {
         // Given back even when counting failed: no call holds this share any more, and an amount
         // left held would keep later admissions waiting for good.
         [&] {
-            call_method(attribute(fn, self, Name::_held).get(), name(fn, Name::give_back), held);
-            notify_all(fn, self);
+            call_method_of(fn, attribute(fn, self, Name::_held).get(), Name::give_back, held);
+            notify_all(fn, self, changed);
         });
     changed.leave();
     return none();

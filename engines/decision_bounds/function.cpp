@@ -1,8 +1,6 @@
 #include "function.hpp"
 
-#include <algorithm>
 #include <cstddef>
-#include <cstring>
 
 #include "module.hpp"
 
@@ -104,11 +102,60 @@ void raise_too_many(FunctionObject* fn, const Shape& shape, Py_ssize_t given, Py
     raise_current();
 }
 
-// Finds the slot of a keyword argument, or -1.
-Py_ssize_t slot_of_keyword(const FunctionSpec& spec, const Shape& shape, PyObject* keyword) {
-    Py_ssize_t named = shape.positional + shape.keyword_only;
-    for (Py_ssize_t i = 0; i < named; ++i) {
-        if (PyUnicode_CompareWithASCIIString(keyword, named_param(spec, shape, i).name) == 0) {
+// Whether a str equals an ASCII text; without decoding for the usual compact ASCII str.
+bool equals_ascii(PyObject* text, const char* ascii) {
+    if (PyUnicode_IS_COMPACT_ASCII(text)) {
+        const char* data = static_cast<const char*>(PyUnicode_DATA(text));
+        Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+        for (Py_ssize_t i = 0; i < length; ++i) {
+            if (ascii[i] == '\0' || ascii[i] != data[i]) {
+                return false;
+            }
+        }
+        return ascii[length] == '\0';
+    }
+    return PyUnicode_CompareWithASCIIString(text, ascii) == 0;
+}
+
+// The named parameters in the order of the bound slots, listed once per binding.
+struct Named {
+    const Param* params[max_params];
+    Py_ssize_t count = 0;
+
+    Named(const FunctionSpec& spec) {
+        for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
+            for (const Param& p : spec.params) {
+                if (p.kind == kind) {
+                    params[count++] = &p;
+                }
+            }
+        }
+    }
+};
+
+// The interned names of the named parameters, in slot order, made once per function.
+PyObject* keywords_of(FunctionObject* fn, const Named& named) {
+    if (fn->keywords == nullptr) {
+        Ref names = own(PyTuple_New(named.count));
+        for (Py_ssize_t i = 0; i < named.count; ++i) {
+            PyTuple_SET_ITEM(names.get(), i, own(PyUnicode_InternFromString(named.params[i]->name)).release());
+        }
+        fn->keywords = names.release();
+    }
+    return fn->keywords;
+}
+
+// Finds the slot of a keyword argument, or -1: by identity first, as the interpreter does, since
+// the names a call passes are interned as the parameters' are; then by value.
+Py_ssize_t slot_of_keyword(FunctionObject* fn, const Named& named, PyObject* keyword) {
+    PyObject* names = keywords_of(fn, named);
+    for (Py_ssize_t i = 0; i < named.count; ++i) {
+        if (PyTuple_GET_ITEM(names, i) == keyword) {
+            return i;
+        }
+    }
+    for (Py_ssize_t i = 0; i < named.count; ++i) {
+        if (equals_ascii(keyword, named.params[i]->name)) {
             return i;
         }
     }
@@ -124,7 +171,7 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
     PyObject* key;
     PyObject* value;
     while (PyDict_Next(kwdefaults, &pos, &key, &value)) {
-        if (PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, param) == 0) {
+        if (PyUnicode_Check(key) && equals_ascii(key, param)) {
             return value;
         }
     }
@@ -137,14 +184,8 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
 void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                     PyObject** slots, Ref* owned) {
     const FunctionSpec& spec = *fn->spec;
-    // The common case first: only positional arguments, exactly one per parameter.
-    if (kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
-        (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword)) {
-        // A call without arguments may pass no array at all (`PyObject_CallNoArgs`).
-        std::copy_n(args, nargs, slots);
-        return;
-    }
     Shape shape = shape_of(spec);
+    Named order(spec);
     Py_ssize_t named = shape.positional + shape.keyword_only;
     Py_ssize_t taken = nargs < shape.positional ? nargs : shape.positional;
     for (Py_ssize_t i = 0; i < taken; ++i) {
@@ -156,7 +197,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < nkw; ++k) {
         PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
-        Py_ssize_t i = slot_of_keyword(spec, shape, keyword);
+        Py_ssize_t i = slot_of_keyword(fn, order, keyword);
         if (i < 0) {
             PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(fn), keyword);
             raise_current();
@@ -194,7 +235,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
         bool missing = false;
         for (Py_ssize_t i = shape.positional; i < named; ++i) {
             if (slots[i] == nullptr) {
-                found[i] = keyword_default(fn->kwdefaults, named_param(spec, shape, i).name);
+                found[i] = keyword_default(fn->kwdefaults, order.params[i]->name);
                 missing = missing || found[i] == nullptr;
             }
         }
@@ -210,12 +251,23 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     }
 }
 
+// Whether a call gives exactly one positional argument per parameter, and nothing else: the
+// arguments are then the bound slots as they stand.
+bool binds_as_given(const FunctionSpec& spec, Py_ssize_t nargs, PyObject* kwnames) {
+    return kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
+           (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword);
+}
+
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
     FunctionObject* fn = as_function(self);
+    Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    if (binds_as_given(*fn->spec, nargs, kwnames)) {
+        return guarded([&] { return fn->spec->body(fn, args); });
+    }
     return guarded([&] {
         PyObject* slots[max_params];
         Ref owned[max_params];
-        bind_arguments(fn, args, PyVectorcall_NARGS(nargsf), kwnames, slots, owned);
+        bind_arguments(fn, args, nargs, kwnames, slots, owned);
         return fn->spec->body(fn, slots);
     });
 }
@@ -450,6 +502,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(fn->annotations);
     Py_VISIT(fn->code);
     Py_VISIT(fn->dict);
+    Py_VISIT(fn->keywords);
     for (PyObject* kept : fn->captured) {
         Py_VISIT(kept);
     }
@@ -469,6 +522,7 @@ int function_clear(PyObject* self) noexcept {
     Py_CLEAR(fn->annotations);
     Py_CLEAR(fn->code);
     Py_CLEAR(fn->dict);
+    Py_CLEAR(fn->keywords);
     for (PyObject*& kept : fn->captured) {
         Py_CLEAR(kept);
     }
@@ -511,6 +565,16 @@ PyType_Spec function_spec = {
 
 PyType_Spec& function_type_spec() { return function_spec; }
 
+Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
+    FunctionObject* fn = as_function(function);
+    // Kept alive while it runs, whatever its body does to the class it came from.
+    Ref keep = Ref::borrow(function);
+    if (binds_as_given(*fn->spec, nargs, nullptr)) {
+        return fn->spec->body(fn, args);
+    }
+    return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
+}
+
 Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults, PyObject* kwdefaults) {
     PyTypeObject* type = state_of(module).function_type;
     FunctionObject* fn = PyObject_GC_New(FunctionObject, type);
@@ -521,6 +585,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults
     fn->vectorcall = function_vectorcall;
     fn->spec = &spec;
     fn->module = Py_NewRef(module);
+    fn->state = &state_of(module);
     fn->globals = Py_NewRef(PyModule_GetDict(module));
     fn->module_name = nullptr;
     fn->name = fn->qualname = fn->doc = nullptr;
@@ -528,6 +593,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults
     fn->kwdefaults = Py_XNewRef(kwdefaults);
     fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
     fn->captured[0] = fn->captured[1] = nullptr;
+    fn->keywords = nullptr;
     PyObject_GC_Track(fn);
     PyObject* module_name = PyDict_GetItemWithError(fn->globals, name(module, Name::__name__));
     if (module_name == nullptr && PyErr_Occurred()) {

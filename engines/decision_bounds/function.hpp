@@ -22,6 +22,7 @@ struct Param {
 };
 
 struct FunctionObject;
+struct ModuleState;
 
 // A body gets the bound arguments, one borrowed reference per named parameter in the order of the
 // spec (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
@@ -44,6 +45,7 @@ struct FunctionObject {
     vectorcallfunc vectorcall;
     const FunctionSpec* spec;
     PyObject* module;       // the defining module: its state and namespace
+    ModuleState* state;     // the module's state, which lives as long as the module
     PyObject* globals;      // the module's namespace (`__globals__`)
     PyObject* module_name;  // `__module__`
     PyObject* name;         // `__name__`, `__qualname__`, `__doc__`: made from the spec when first read
@@ -56,10 +58,16 @@ struct FunctionObject {
     PyObject* dict;
     PyObject* weakrefs;
     PyObject* captured[2];  // what a function made inside another call keeps (strong, may be null)
+    PyObject* keywords;     // the named parameters' names, interned, in slot order: made at the
+                            // first call with keyword arguments
 };
 
 // The function type's spec, to make the type for one module.
 PyType_Spec& function_type_spec();
+
+// Calls a function of this type with positional arguments only: its body at once when they are
+// exactly its parameters, else through its ordinary call.
+Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs);
 
 // Makes a function of `module` from `spec`. `defaults` is a tuple or null, `kwdefaults` a dict or
 // null; both are taken as they are (new references are kept).

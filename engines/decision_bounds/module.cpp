@@ -5,6 +5,7 @@
 #include <new>
 
 #include "daily_spend.hpp"
+#include "fast.hpp"
 #include "request_rates.hpp"
 #include "run_budget.hpp"
 #include "shares.hpp"
@@ -76,7 +77,6 @@ constexpr FunctionSpec nothing_spec = {"_nothing", "_nothing", "Give back a shar
 
 Ref import(const char* module_name) { return own(PyImport_ImportModule(module_name)); }
 
-Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
 
 void add_errors_and_protocol(PyObject* module) {
     for (const auto& [error, base, doc] : error_docs) {
@@ -125,6 +125,7 @@ void start_up(PyObject* module) {
     Ref get_logger = getattr(lookup(module, "logging").get(), text("getLogger").get());
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
     bind(module, "_POLL_S", own(PyFloat_FromDouble(0.1)));
+    init_fast_paths(module);
 
     add_errors_and_protocol(module);
     add_shares(module);
@@ -149,6 +150,7 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
         Py_VISIT(state->function_type);
+        return traverse_fast_paths(state->fast, visit, arg);
     }
     return 0;
 }
@@ -157,6 +159,7 @@ int clear_module(PyObject* module) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
         Py_CLEAR(state->function_type);
+        clear_fast_paths(state->fast);
         for (PyObject*& interned : state->names) {
             Py_CLEAR(interned);
         }

@@ -11,19 +11,18 @@ namespace decision_bounds {
 
 // Every name that the module's code looks up at run time (in the namespace, on objects, or as a
 // method), made into an interned string once per module.
-#define DECISION_BOUNDS_NAMES(X)                                                                  \
-    X(__name__) X(__file__) X(__enter__) X(__exit__) X(_POLL_S) X(logger) X(math) X(isinf)        \
-    X(inf) X(Lock) X(Condition) X(_lock) X(_cost) X(_tokens) X(_features) X(per_byte) X(per_call) \
-    X(bound) X(learn) X(add) X(cost) X(input_tokens) X(_cap) X(_today) X(_ledger) X(_changed)     \
-    X(_held) X(_day) X(_capped) X(_today_locked) X(_spent_since) X(warning) X(exc_info) X(admits)  \
-    X(take) X(give_back) X(deadline) X(clock)                                                     \
-    X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) X(DecisionTimeout)            \
-    X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back) X(settle) X(wait)    \
-    X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)                    \
-    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname)                  \
-    X(should_stop) X(_held_tokens) X(calls) X(cache_hits) X(in_flight) X(max_calls)               \
-    X(max_tokens) X(cost_usd) X(stopping) X(_exhausted_locked) X(_summary_locked) X(reserve)      \
-    X(release) X(charge) X(cached) X(round)
+#define DECISION_BOUNDS_NAMES(X)                                                                     \
+    X(__name__) X(__file__) X(__enter__) X(__exit__) X(_POLL_S) X(logger) X(math) X(isinf) X(inf)    \
+    X(Lock) X(Condition) X(_lock) X(_cost) X(_tokens) X(_features) X(per_byte) X(per_call) X(bound)  \
+    X(learn) X(add) X(cost) X(input_tokens) X(_cap) X(_today) X(_ledger) X(_changed) X(_held)        \
+    X(_day) X(_capped) X(_today_locked) X(_spent_since) X(warning) X(exc_info) X(admits) X(take)     \
+    X(give_back) X(deadline) X(clock) X(threading) X(functools) X(partial) X(DecisionBudgetExceeded) \
+    X(DecisionTimeout) X(DecisionStopped) X(Share) X(_Held) X(_wait) X(_Charges) X(_give_back)       \
+    X(settle) X(wait) X(notify_all) X(holders) X(amount) X(unbounded) X(replace) X(co_argcount)      \
+    X(co_kwonlyargcount) X(co_varnames) X(co_nlocals) X(co_flags) X(co_qualname) X(_waiters)         \
+    X(_is_owned) X(notify) X(__init__) X(should_stop) X(_held_tokens) X(calls) X(cache_hits)         \
+    X(in_flight) X(max_calls) X(max_tokens) X(cost_usd) X(stopping) X(_exhausted_locked)             \
+    X(_summary_locked) X(reserve) X(release) X(charge) X(cached) X(round)
 
 enum class Name : int {
 #define DECISION_BOUNDS_ENUM(n) n,
@@ -32,15 +31,44 @@ enum class Name : int {
         count
 };
 
+// Names known to be plain instance attributes of a class, as long as the class keeps its version.
+struct PlainFields {
+    PyTypeObject* type;    // not owned: only compared, together with the version it had
+    unsigned int version;
+    unsigned long long names[2];  // one bit per `Name`
+};
+
+// The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
+struct FastPaths {
+    PlainFields plain[16];
+    PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class last seen
+    unsigned int condition_version;  // standard: any change to the class gives it another
+    PyObject* condition_methods[4];  // its `__enter__`, `__exit__`, `notify_all` and `notify`
+    PyTypeObject* deque_type;        // its `_waiters`
+    PyTypeObject* rlock_type;        // the reentrant lock it makes by default
+    PyCFunctionWithKeywords rlock_acquire;
+    PyCFunction rlock_release;
+    PyCFunction rlock_is_owned;
+    PyTypeObject* lock_type;         // `threading.Lock()`'s class, the plain lock
+    PyCFunctionWithKeywords lock_acquire;
+    PyCFunction lock_release;
+    PyObject* math_module;           // `math` and its `isinf`
+    PyObject* math_isinf;
+    PyObject* empty_tuple;
+    PyObject* zero;                  // the float 0.0, as a constant of the code would be shared
+};
+
 struct ModuleState {
     PyTypeObject* function_type;
     PyObject* names[static_cast<int>(Name::count)];
+    FastPaths fast;
 };
 
 ModuleState& state_of(PyObject* module);
 
 inline PyObject* name(PyObject* module, Name n) { return state_of(module).names[static_cast<int>(n)]; }
-inline PyObject* name(FunctionObject* fn, Name n) { return name(fn->module, n); }
+inline ModuleState& state_of(FunctionObject* fn) { return *fn->state; }
+inline PyObject* name(FunctionObject* fn, Name n) { return fn->state->names[static_cast<int>(n)]; }
 
 // Looks up a module-level name as the code of a Python module would at each use: the module's
 // namespace, then the builtins; `NameError` when it is in neither.

@@ -63,6 +63,10 @@ inline int check(int status) {
     return status;
 }
 
+inline Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
+inline Ref integer(long value) { return own(PyLong_FromLong(value)); }
+inline Ref real(double value) { return own(PyFloat_FromDouble(value)); }
+
 inline Ref none() noexcept { return Ref::borrow(Py_None); }
 inline Ref boolean(bool value) noexcept { return Ref::borrow(value ? Py_True : Py_False); }
 

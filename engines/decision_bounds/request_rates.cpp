@@ -5,7 +5,6 @@
 namespace decision_bounds {
 namespace {
 
-Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 
 // _Charges
 
@@ -14,9 +13,9 @@ constexpr const char* charges_doc = "The most one measure of the paid replies ca
 // `max(self.per_byte * size, self.per_call)`: on a tie the product is the answer, with its type.
 Ref charges_bound(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Ref per_byte = getattr(self, name(fn, Name::per_byte));
+    Ref per_byte = get_field(fn, self, Name::per_byte);
     Ref product = own(PyNumber_Multiply(per_byte.get(), args[1]));
-    Ref per_call = getattr(self, name(fn, Name::per_call));
+    Ref per_call = get_field(fn, self, Name::per_call);
     return maximum(product.get(), per_call.get());
 }
 
@@ -28,11 +27,11 @@ Ref charges_learn(FunctionObject* fn, PyObject* const* args) {
     Ref one = own(PyLong_FromLong(1));
     Ref bytes = maximum(size, one.get());
     Ref rate = own(PyNumber_TrueDivide(charge, bytes.get()));
-    Ref per_byte = getattr(self, name(fn, Name::per_byte));
-    setattr(self, name(fn, Name::per_byte), maximum(per_byte.get(), rate.get()).get());
+    Ref per_byte = get_field(fn, self, Name::per_byte);
+    set_field(fn, self, Name::per_byte, maximum(per_byte.get(), rate.get()).get());
     // The charge itself is kept, so an integer token count stays an integer.
-    Ref per_call = getattr(self, name(fn, Name::per_call));
-    setattr(self, name(fn, Name::per_call), maximum(per_call.get(), charge).get());
+    Ref per_call = get_field(fn, self, Name::per_call);
+    set_field(fn, self, Name::per_call, maximum(per_call.get(), charge).get());
     return none();
 }
 
@@ -66,21 +65,21 @@ Ref not_known(FunctionObject* fn) {
 Ref rates_init(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     Ref threading = global(fn, Name::threading);
-    setattr(self, name(fn, Name::_lock), call_method(threading.get(), name(fn, Name::Lock)).get());
-    setattr(self, name(fn, Name::_cost), call(global(fn, Name::_Charges).get()).get());
-    setattr(self, name(fn, Name::_tokens), call(global(fn, Name::_Charges).get()).get());
-    setattr(self, name(fn, Name::_features), own(PySet_New(nullptr)).get());
+    set_field(fn, self, Name::_lock, call_method(threading.get(), name(fn, Name::Lock)).get());
+    set_field(fn, self, Name::_cost, call(global(fn, Name::_Charges).get()).get());
+    set_field(fn, self, Name::_tokens, call(global(fn, Name::_Charges).get()).get());
+    set_field(fn, self, Name::_features, own(PySet_New(nullptr)).get());
     return none();
 }
 
 Ref rates_cost(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding lock(fn, getattr(self, name(fn, Name::_lock)).get());
-    Ref features = getattr(self, name(fn, Name::_features));
+    Holding lock(fn, get_field(fn, self, Name::_lock).get());
+    Ref features = get_field(fn, self, Name::_features);
     Ref result;
     if (check(PySequence_Contains(features.get(), args[2]))) {
-        Ref cost = getattr(self, name(fn, Name::_cost));
-        result = call_method(cost.get(), name(fn, Name::bound), args[1]);
+        Ref cost = get_field(fn, self, Name::_cost);
+        result = call_method_of(fn, cost.get(), Name::bound, args[1]);
     } else {
         result = not_known(fn);
     }
@@ -90,13 +89,13 @@ Ref rates_cost(FunctionObject* fn, PyObject* const* args) {
 
 Ref rates_tokens(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding lock(fn, getattr(self, name(fn, Name::_lock)).get());
-    Ref features = getattr(self, name(fn, Name::_features));
+    Holding lock(fn, get_field(fn, self, Name::_lock).get());
+    Ref features = get_field(fn, self, Name::_features);
     Ref result;
     // Tokens grow with bytes whatever the feature: any paid reply makes them known.
     if (truthy(features.get())) {
-        Ref tokens = getattr(self, name(fn, Name::_tokens));
-        result = call_method(tokens.get(), name(fn, Name::bound), args[1]);
+        Ref tokens = get_field(fn, self, Name::_tokens);
+        result = call_method_of(fn, tokens.get(), Name::bound, args[1]);
     } else {
         result = not_known(fn);
     }
@@ -108,13 +107,13 @@ Ref rates_learn(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* size = args[1];
     PyObject* reply = args[3];
-    Holding lock(fn, getattr(self, name(fn, Name::_lock)).get());
-    Ref features = getattr(self, name(fn, Name::_features));
+    Holding lock(fn, get_field(fn, self, Name::_lock).get());
+    Ref features = get_field(fn, self, Name::_features);
     call_method(features.get(), name(fn, Name::add), args[2]);
-    Ref cost = getattr(self, name(fn, Name::_cost));
-    call_method(cost.get(), name(fn, Name::learn), size, getattr(reply, name(fn, Name::cost)).get());
-    Ref tokens = getattr(self, name(fn, Name::_tokens));
-    call_method(tokens.get(), name(fn, Name::learn), size, getattr(reply, name(fn, Name::input_tokens)).get());
+    Ref cost = get_field(fn, self, Name::_cost);
+    call_method_of(fn, cost.get(), Name::learn, size, getattr(reply, name(fn, Name::cost)).get());
+    Ref tokens = get_field(fn, self, Name::_tokens);
+    call_method_of(fn, tokens.get(), Name::learn, size, getattr(reply, name(fn, Name::input_tokens)).get());
     lock.leave();
     return none();
 }

@@ -10,49 +10,42 @@ constexpr const char* budget_doc = R"doc(Bounds one batch pass: its calls, its t
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
     starts.)doc";
 
-Ref integer(long value) { return own(PyLong_FromLong(value)); }
 
-Ref attr(FunctionObject* fn, PyObject* object, Name n) { return getattr(object, name(fn, n)); }
+// The budget's own fields (and its `_Held`'s), straight from their instance dicts (fast.hpp).
+Ref attr(FunctionObject* fn, PyObject* object, Name n) { return get_field(fn, object, n); }
+void set_attr(FunctionObject* fn, PyObject* object, Name n, PyObject* value) { set_field(fn, object, n, value); }
+// What a reply says, read as any attribute.
+Ref read(FunctionObject* fn, PyObject* reply, Name n) { return getattr(reply, name(fn, n)); }
 
 // `self.<counter> += step`, read, added and stored as the augmented assignment does it.
 void add_to(FunctionObject* fn, PyObject* self, Name counter, PyObject* step) {
     Ref value = attr(fn, self, counter);
-    setattr(self, name(fn, counter), own(PyNumber_InPlaceAdd(value.get(), step)).get());
+    set_attr(fn, self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
 }
 
 // `self.<counter> += <reply>.<counter>`: the counter is read before the reply's attribute.
 void add_from(FunctionObject* fn, PyObject* self, Name counter, PyObject* reply) {
     Ref value = attr(fn, self, counter);
-    Ref step = attr(fn, reply, counter);
-    setattr(self, name(fn, counter), own(PyNumber_InPlaceAdd(value.get(), step.get())).get());
+    Ref step = read(fn, reply, counter);
+    set_attr(fn, self, counter, own(PyNumber_InPlaceAdd(value.get(), step.get())).get());
 }
 
 // `self.in_flight = max(0, self.in_flight - 1)`
 void free_slot(FunctionObject* fn, PyObject* self) {
     Ref value = attr(fn, self, Name::in_flight);
     Ref less = own(PyNumber_Subtract(value.get(), integer(1).get()));
-    setattr(self, name(fn, Name::in_flight), maximum(integer(0).get(), less.get()).get());
-}
-
-// Raises the module's exception class `cls`, looked up in the namespace, with the text `message`.
-[[noreturn]] void raise_with(FunctionObject* fn, Name cls, const Ref& message) {
-    Ref error = call(global(fn, cls).get(), message.get());
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-    } else {
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-    }
-    raise_current();
+    set_attr(fn, self, Name::in_flight, maximum(integer(0).get(), less.get()).get());
 }
 
 Ref stopping_body(FunctionObject* fn, PyObject* const* args) {
-    return boolean(truthy(call_method(args[0], name(fn, Name::should_stop)).get()));
+    // `self.should_stop()`: a field, read in the instance dict, then called.
+    return boolean(truthy(call(attr(fn, args[0], Name::should_stop).get()).get()));
 }
 
 Ref exhausted_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     Holding changed(fn, attr(fn, self, Name::_changed).get());
-    Ref result = call_method(self, name(fn, Name::_exhausted_locked));
+    Ref result = call_method_of(fn, self, Name::_exhausted_locked);
     changed.leave();
     return result;
 }
@@ -78,24 +71,24 @@ Ref reserve_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* tokens = args[1];
     // The first stop test takes no lock: a stopping pass is refused without waiting for it.
-    if (truthy(call_method(self, name(fn, Name::stopping)).get())) {
+    if (truthy(call_method_of(fn, self, Name::stopping).get())) {
         raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
     }
     Holding changed(fn, attr(fn, self, Name::_changed).get());
     for (;;) {
         // Every field is read afresh on each pass: a wait lets other threads change all of them.
-        if (truthy(call_method(self, name(fn, Name::_exhausted_locked)).get())) {
-            Ref summary = call_method(self, name(fn, Name::_summary_locked));
-            raise_with(fn, Name::DecisionBudgetExceeded,
+        if (truthy(call_method_of(fn, self, Name::_exhausted_locked).get())) {
+            Ref summary = call_method_of(fn, self, Name::_summary_locked);
+            raise_error(fn, Name::DecisionBudgetExceeded,
                        own(PyUnicode_FromFormat("decision budget exhausted: %S", summary.get())));
         }
         Ref held = attr(fn, self, Name::_held_tokens);
         Ref input_tokens = attr(fn, self, Name::input_tokens);
         Ref max_tokens = attr(fn, self, Name::max_tokens);
-        if (truthy(call_method(held.get(), name(fn, Name::admits), tokens, input_tokens.get(), max_tokens.get())
+        if (truthy(call_method_of(fn, held.get(), Name::admits, tokens, input_tokens.get(), max_tokens.get())
                        .get())) {
             add_to(fn, self, Name::in_flight, integer(1).get());
-            call_method(attr(fn, self, Name::_held_tokens).get(), name(fn, Name::take), tokens);
+            call_method_of(fn, attr(fn, self, Name::_held_tokens).get(), Name::take, tokens);
             changed.leave();
             return none();
         }
@@ -113,9 +106,9 @@ Ref give_back_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* budget = fn->captured[0];
     PyObject* tokens = fn->captured[1];
     if (reply == Py_None) {
-        call_method(budget, name(fn, Name::release), tokens);
+        call_method_of(fn, budget, Name::release, tokens);
     } else {
-        call_method(budget, name(fn, Name::charge), reply, tokens);
+        call_method_of(fn, budget, Name::charge, reply, tokens);
     }
     return none();
 }
@@ -127,7 +120,7 @@ constexpr FunctionSpec give_back_spec = {
 Ref hold_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* tokens = args[1];
-    call_method(self, name(fn, Name::reserve), tokens);
+    call_method_of(fn, self, Name::reserve, tokens);
     Ref give_back = make_function(fn->module, give_back_spec);
     auto* closure = reinterpret_cast<FunctionObject*>(give_back.get());
     closure->captured[0] = Py_NewRef(self);
@@ -135,8 +128,9 @@ Ref hold_body(FunctionObject* fn, PyObject* const* args) {
     return call(global(fn, Name::Share).get(), give_back.get());
 }
 
-Ref notify_all(FunctionObject* fn, PyObject* self) {
-    return call_method(attr(fn, self, Name::_changed).get(), name(fn, Name::notify_all));
+// `self._changed.notify_all()`, inside the block that holds it.
+void notify_all(FunctionObject* fn, PyObject* self, Holding& changed) {
+    changed.notify_all(attr(fn, self, Name::_changed).get());
 }
 
 Ref release_body(FunctionObject* fn, PyObject* const* args) {
@@ -144,8 +138,8 @@ Ref release_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* tokens = args[1];
     Holding changed(fn, attr(fn, self, Name::_changed).get());
     free_slot(fn, self);
-    call_method(attr(fn, self, Name::_held_tokens).get(), name(fn, Name::give_back), tokens);
-    notify_all(fn, self);
+    call_method_of(fn, attr(fn, self, Name::_held_tokens).get(), Name::give_back, tokens);
+    notify_all(fn, self, changed);
     changed.leave();
     return none();
 }
@@ -155,18 +149,18 @@ Ref charge_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* result = args[1];
     PyObject* tokens = args[2];
     Holding changed(fn, attr(fn, self, Name::_changed).get());
-    if (truthy(attr(fn, result, Name::cached).get())) {
+    if (truthy(read(fn, result, Name::cached).get())) {
         // A cache hit held nothing, so it frees nothing and wakes nobody.
         add_to(fn, self, Name::cache_hits, integer(1).get());
         changed.leave();
         return none();
     }
     free_slot(fn, self);
-    call_method(attr(fn, self, Name::_held_tokens).get(), name(fn, Name::give_back), tokens);
+    call_method_of(fn, attr(fn, self, Name::_held_tokens).get(), Name::give_back, tokens);
     add_to(fn, self, Name::calls, integer(1).get());
     add_from(fn, self, Name::input_tokens, result);
     add_from(fn, self, Name::cost, result);
-    notify_all(fn, self);
+    notify_all(fn, self, changed);
     changed.leave();
     return none();
 }
@@ -174,7 +168,7 @@ Ref charge_body(FunctionObject* fn, PyObject* const* args) {
 Ref summary_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     Holding changed(fn, attr(fn, self, Name::_changed).get());
-    Ref summary = call_method(self, name(fn, Name::_summary_locked));
+    Ref summary = call_method_of(fn, self, Name::_summary_locked);
     changed.leave();
     return summary;
 }

@@ -51,49 +51,113 @@ constexpr FunctionSpec share_methods[] = {
     {"__exit__", "Share.__exit__", nullptr, share_exit_params, "None", share_exit},
 };
 
+// `Share(give_back)`: what `type.__call__` does for the class, without its argument tuple:
+// `object.__new__`, then `__init__` with the arguments as given, whose result must be None. Taken
+// only while `__new__` is `object`'s and `__init__` is this module's own; otherwise the class is
+// called as any class is. The module is reached through the class (`ht_module`, set at start-up).
+PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
+    Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    Py_ssize_t given = nargs + (kwnames ? PyTuple_GET_SIZE(kwnames) : 0);
+    PyObject* module = reinterpret_cast<PyHeapTypeObject*>(type)->ht_module;
+    PyObject* init = nullptr;
+    if (module != nullptr && type->tp_new == PyBaseObject_Type.tp_new && !(type->tp_flags & Py_TPFLAGS_IS_ABSTRACT) &&
+        given < max_params) {
+        ModuleState& state = state_of(module);
+        init = _PyType_Lookup(type, state.names[static_cast<int>(Name::__init__)]);
+        if (init != nullptr && (Py_TYPE(init) != state.function_type ||
+                                reinterpret_cast<FunctionObject*>(init)->spec != &share_methods[0])) {
+            init = nullptr;
+        }
+    }
+    return guarded([&] {
+        if (init == nullptr) {
+            Ref positional = own(PyTuple_New(nargs));
+            for (Py_ssize_t i = 0; i < nargs; ++i) {
+                PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
+            }
+            Ref keywords;
+            if (kwnames != nullptr) {
+                keywords = own(PyDict_New());
+                for (Py_ssize_t k = 0; k < given - nargs; ++k) {
+                    check(PyDict_SetItem(keywords.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
+                }
+            }
+            return own(PyType_Type.tp_call(cls, positional.get(), keywords.get()));
+        }
+        Ref init_ref = Ref::borrow(init);  // kept while it runs, whatever it does to the class
+        Ref empty = own(PyTuple_New(0));
+        Ref self = own(PyBaseObject_Type.tp_new(type, empty.get(), nullptr));
+        PyObject* argv[max_params + 1];
+        argv[0] = self.get();
+        for (Py_ssize_t i = 0; i < given; ++i) {
+            argv[i + 1] = args[i];
+        }
+        Ref result = own(PyObject_Vectorcall(init, argv, static_cast<size_t>(nargs + 1), kwnames));
+        if (result.get() != Py_None) {
+            PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.get())->tp_name);
+            raise_current();
+        }
+        return self;
+    });
+}
+
 // _Held
 
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
 
-Ref integer(long value) { return own(PyLong_FromLong(value)); }
-Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 
 Ref held_admits(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    if (truthy(getattr(self, name(fn, Name::unbounded)).get())) {
+    if (truthy(get_field(fn, self, Name::unbounded).get())) {
         return boolean(false);
     }
-    if (is_unbounded(fn, share) && truthy(getattr(self, name(fn, Name::holders)).get())) {
+    if (is_unbounded(fn, share) && truthy(get_field(fn, self, Name::holders).get())) {
         return boolean(false);
     }
-    Ref amount = getattr(self, name(fn, Name::amount));
-    Ref total = own(PyNumber_Add(args[2], amount.get()));
-    return own(PyObject_RichCompare(total.get(), args[3], Py_LT));
+    Ref amount = get_field(fn, self, Name::amount);
+    PyObject* used = args[2];
+    PyObject* limit = args[3];
+    if (PyFloat_CheckExact(used) && PyFloat_CheckExact(amount.get()) && PyFloat_CheckExact(limit)) {
+        return boolean(PyFloat_AS_DOUBLE(used) + PyFloat_AS_DOUBLE(amount.get()) < PyFloat_AS_DOUBLE(limit));
+    }
+    Ref total = own(PyNumber_Add(used, amount.get()));
+    return own(PyObject_RichCompare(total.get(), limit, Py_LT));
 }
 
 // `self.<counter> += step`
-void add_to(PyObject* self, PyObject* counter, PyObject* step) {
-    Ref value = getattr(self, counter);
-    setattr(self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
+void add_to(FunctionObject* fn, PyObject* self, Name counter, PyObject* step) {
+    Ref value = get_field(fn, self, counter);
+    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step)) {
+        set_field(fn, self, counter, real(PyFloat_AS_DOUBLE(value.get()) + PyFloat_AS_DOUBLE(step)).get());
+        return;
+    }
+    set_field(fn, self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
 }
 
 // `self.<counter> = max(floor, self.<counter> - step)`
-void take_from(PyObject* self, PyObject* counter, PyObject* step, const Ref& floor) {
-    Ref value = getattr(self, counter);
+void take_from(FunctionObject* fn, PyObject* self, Name counter, PyObject* step, const Ref& floor) {
+    Ref value = get_field(fn, self, counter);
+    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step) && PyFloat_CheckExact(floor.get())) {
+        // As `max` keeps the floor unless the difference is greater (so also when it is not a number).
+        double less = PyFloat_AS_DOUBLE(value.get()) - PyFloat_AS_DOUBLE(step);
+        set_field(fn, self, counter, less > PyFloat_AS_DOUBLE(floor.get()) ? real(less).get() : floor.get());
+        return;
+    }
     Ref less = own(PyNumber_Subtract(value.get(), step));
-    setattr(self, counter, maximum(floor.get(), less.get()).get());
+    set_field(fn, self, counter, maximum(floor.get(), less.get()).get());
 }
 
 Ref held_take(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    add_to(self, name(fn, Name::holders), integer(1).get());
+    add_to(fn, self, Name::holders, integer(1).get());
     if (is_unbounded(fn, share)) {
-        add_to(self, name(fn, Name::unbounded), integer(1).get());
+        add_to(fn, self, Name::unbounded, integer(1).get());
     } else {
-        add_to(self, name(fn, Name::amount), share);
+        add_to(fn, self, Name::amount, share);
     }
     return none();
 }
@@ -101,16 +165,16 @@ Ref held_take(FunctionObject* fn, PyObject* const* args) {
 Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* share = args[1];
-    take_from(self, name(fn, Name::holders), integer(1).get(), integer(0));
+    take_from(fn, self, Name::holders, integer(1).get(), integer(0));
     if (is_unbounded(fn, share)) {
-        take_from(self, name(fn, Name::unbounded), integer(1).get(), integer(0));
+        take_from(fn, self, Name::unbounded, integer(1).get(), integer(0));
     } else {
-        take_from(self, name(fn, Name::amount), share, real(0.0));
+        take_from(fn, self, Name::amount, share, Ref::borrow(state_of(fn).fast.zero));
     }
     // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
-    Ref holders = getattr(self, name(fn, Name::holders));
+    Ref holders = get_field(fn, self, Name::holders);
     if (compare(holders.get(), integer(0).get(), Py_EQ)) {
-        setattr(self, name(fn, Name::amount), real(0.0).get());
+        set_field(fn, self, Name::amount, state_of(fn).fast.zero);
     }
     return none();
 }
@@ -171,13 +235,31 @@ constexpr FunctionSpec wait_spec = {
 }  // namespace
 
 Holding::Holding(FunctionObject* fn, PyObject* condition) : fn_(fn), condition_(Ref::borrow(condition)) {
-    call_method(condition, name(fn, Name::__enter__));
+    find_direct_lock(fn, condition, direct_);
+    if (direct_) {
+        acquire_direct(direct_);
+    } else {
+        call_method(condition, name(fn, Name::__enter__));
+    }
     held_ = true;
 }
 
 void Holding::leave() {
     held_ = false;
-    call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
+    if (direct_) {
+        own(release_direct(direct_));
+    } else {
+        call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
+    }
+}
+
+void Holding::notify_all() { notify_all(condition_.get()); }
+
+void Holding::notify_all(PyObject* condition) {
+    if (direct_ && condition == condition_.get() && nobody_waits(fn_, direct_, condition)) {
+        return;
+    }
+    call_method(condition, name(fn_, Name::notify_all));
 }
 
 Holding::~Holding() {
@@ -188,7 +270,8 @@ Holding::~Holding() {
     PyObject* type = error ? reinterpret_cast<PyObject*>(Py_TYPE(error)) : Py_None;
     PyObject* traceback = error ? PyException_GetTraceback(error) : nullptr;
     PyObject* args[] = {condition_.get(), type, error ? error : Py_None, traceback ? traceback : Py_None};
-    PyObject* result = PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
+    PyObject* result = direct_ ? release_direct(direct_)
+                               : PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
     Py_XDECREF(traceback);
     if (result != nullptr) {
         Py_DECREF(result);
@@ -205,9 +288,9 @@ Holding::~Holding() {
     }
 }
 
-void raise_error(FunctionObject* fn, Name cls, const char* message) {
+void raise_error(FunctionObject* fn, Name cls, const Ref& message) {
     Ref error_class = global(fn, cls);
-    Ref error = call(error_class.get(), own(PyUnicode_FromString(message)).get());
+    Ref error = call(error_class.get(), message.get());
     if (!PyExceptionInstance_Check(error.get())) {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
     } else {
@@ -218,6 +301,10 @@ void raise_error(FunctionObject* fn, Name cls, const char* message) {
 }
 
 bool is_unbounded(FunctionObject* fn, PyObject* value) {
+    bool result;
+    if (isinf_directly(fn, value, &result)) {
+        return result;
+    }
     Ref math = global(fn, Name::math);
     Ref isinf = getattr(math.get(), name(fn, Name::isinf));
     return truthy(call(isinf.get(), value).get());
@@ -231,7 +318,11 @@ void add_shares(PyObject* module) {
     for (const FunctionSpec& method : std::span(share_methods).subspan(1)) {
         share.add(method);
     }
-    bind(module, "Share", share.build());
+    Ref share_class = share.build();
+    auto* share_type = reinterpret_cast<PyHeapTypeObject*>(share_class.get());
+    Py_XSETREF(share_type->ht_module, Py_NewRef(module));
+    share_type->ht_type.tp_vectorcall = share_call;
+    bind(module, "Share", share_class);
 
     ClassBuilder held(module, "_Held", held_doc, {{"holders", "int"}, {"amount", "float"}, {"unbounded", "int"}});
     held.add("holders", integer(0));

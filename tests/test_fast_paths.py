@@ -1,0 +1,176 @@
+"""The shortcuts through the standard condition, lock, math.isinf and instance fields: they are
+taken only for the standard objects, and anything else gets the plain calls as before."""
+
+import math
+import threading
+import time
+import types
+
+import pytest
+
+from engines import decision_bounds as db
+
+
+class Recording(threading.Condition):
+    """A condition whose with block and notify_all are seen."""
+
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.calls = []
+
+    def __enter__(self):
+        self.calls.append("enter")
+        return super().__enter__()
+
+    def __exit__(self, *exc):
+        self.calls.append("exit")
+        return super().__exit__(*exc)
+
+    def notify_all(self):
+        self.calls.append("notify_all")
+        super().notify_all()
+
+
+def account():
+    return db.DailySpend(10.0, lambda: "2026-03-01", None)
+
+
+def settle_one(daily):
+    share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
+    share.settle(types.SimpleNamespace(cost=0.5))
+
+
+@pytest.mark.parametrize("lock", [None, threading.Lock()], ids=["reentrant", "plain"])
+def test_a_condition_of_another_class_gets_its_own_methods(lock):
+    daily = account()
+    daily._changed = Recording(*([lock] if lock else []))
+    settle_one(daily)
+    assert daily._changed.calls == ["enter", "exit", "enter", "notify_all", "exit"]
+    assert daily.spent() == 0.5 and daily._held.holders == 0
+
+
+def test_a_changed_condition_class_is_called_as_changed(monkeypatch):
+    seen = []
+    original = threading.Condition.notify_all
+    monkeypatch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or original(self))
+    daily = account()
+    settle_one(daily)
+    assert seen == [daily._changed]
+
+
+def test_a_notify_all_set_on_the_instance_is_called():
+    daily = account()
+    seen = []
+    daily._changed.notify_all = lambda: seen.append(True)
+    settle_one(daily)
+    assert seen == [True]
+
+
+def test_a_waiter_is_woken_by_the_notification(monkeypatch):
+    monkeypatch.setattr(db, "_POLL_S", 3.0)  # a wake-up that the notification misses comes only after this
+    daily = account()
+    daily._held.take(math.inf)  # nothing else fits until it is given back
+    done = []
+
+    def admit():
+        daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never).settle(None)
+        done.append(time.monotonic())
+
+    waiter = threading.Thread(target=admit, daemon=True)
+    waiter.start()
+    deadline = time.monotonic() + 5
+    while not daily._changed._waiters and time.monotonic() < deadline:
+        time.sleep(0.001)
+    with daily._changed:
+        daily._held.give_back(math.inf)
+    released = time.monotonic()
+    daily.charge(types.SimpleNamespace(cost=0.0))
+    waiter.join(5)
+    assert done and done[0] - released < 1.0
+
+
+def test_isinf_of_a_replaced_math_is_the_replacement(monkeypatch):
+    monkeypatch.setattr(db, "math", types.SimpleNamespace(isinf=lambda value: value == 2.0, inf=math.inf))
+    held = db._Held()
+    held.take(2.0)
+    held.take(3.0)
+    assert (held.holders, held.unbounded, held.amount) == (2, 1, 3.0)
+    monkeypatch.undo()
+    with pytest.raises(OverflowError):  # what the real math.isinf raises for it
+        held.take(10**400)
+
+
+def test_fields_behind_a_property_go_through_it():
+    class Counted(db._Held):
+        sets = []
+
+        @property
+        def amount(self):
+            return self.__dict__.get("_amount", 0.0)
+
+        @amount.setter
+        def amount(self, value):
+            self.sets.append(value)
+            self.__dict__["_amount"] = value
+
+    held = Counted()
+    held.take(2.5)
+    held.give_back(2.5)
+    assert Counted.sets == [0.0, 2.5, 0.0, 0.0] and "amount" not in vars(held)
+
+
+def test_making_a_share_runs_what_the_class_has(monkeypatch):
+    made = []
+
+    class Counted(db.Share):
+        def __new__(cls, *args):
+            made.append(args)
+            return super().__new__(cls)
+
+    assert type(Counted(print)) is Counted and made == [(print,)]
+    assert db.Share(give_back=print)._give_back is print
+    with pytest.raises(TypeError, match="takes from 1 to 2 positional arguments but 3 were given"):
+        db.Share(print, print)
+    monkeypatch.setattr(db.Share, "__init__", lambda self, give_back: made.append(give_back) or 1)
+    with pytest.raises(TypeError, match="should return None, not 'int'"):
+        db.Share("replaced")
+    assert made[-1] == "replaced"
+
+
+def test_a_property_added_after_use_is_used():
+    class Later(db._Held):
+        pass
+
+    held = Later()
+    held.take(1.0)  # its fields are plain so far
+    seen = []
+    Later.amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
+    held.give_back(1.0)
+    assert seen == [4.0, 0.0] and held.holders == 0
+
+
+@pytest.mark.parametrize("where", ["subclass", "instance"])
+def test_a_method_replaced_on_a_subclass_or_instance_is_the_one_called(where):
+    seen = []
+
+    class Counted(db._Held):
+        def admits(self, *args):
+            seen.append(args)
+            return super().admits(*args)
+
+    daily = account()
+    if where == "subclass":
+        daily._held = Counted()
+    else:
+        held = daily._held
+        daily._held.admits = lambda *args: seen.append(args) or db._Held.admits(held, *args)
+    settle_one(daily)
+    assert seen == [(1.0, 0.0, 10.0)]
+
+
+def test_keyword_names_made_at_run_time_bind_by_value():
+    held = db._Held()
+    names = ["".join(parts) for parts in (("sh", "are"), ("us", "ed"), ("lim", "it"))]
+    assert held.admits(**dict(zip(names, (1.0, 2.0, 3.0)))) is True
+    with pytest.raises(TypeError, match="unexpected keyword argument 'sharex'"):
+        held.admits(**{"".join(("share", "x")): 1.0, "used": 2.0, "limit": 3.0})
