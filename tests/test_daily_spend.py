@@ -5,23 +5,18 @@ import math
 import sys
 import threading
 import time
-from types import SimpleNamespace
 
 import pytest
 
 from engines import decision_bounds as db
 
-from support import lock_is_free
+from support import Reply, lock_is_free
 
 LEDGER_WARNING = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAP_WARNING = ("The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
                "tomorrow, cached answers are still used")
 NO_WAIT = dict(deadline=None, clock=time.monotonic, stopping=lambda: False)
 DAY, NEXT = "2026-03-01", "2026-03-02"
-
-
-def Reply(cost=0.0, input_tokens=0, cached=False):
-    return SimpleNamespace(cost=cost, input_tokens=input_tokens, cached=cached)
 
 
 class Calendar:
@@ -60,17 +55,6 @@ def test_ledger_reading(caplog, figure, spent, error):
         [(logging.WARNING, (DAY,), error)] if error else [])
     if isinstance(figure, OSError):
         assert records[0].exc_info[1] is figure and records[0].exc_info[2] is not None
-
-
-def test_no_ledger_and_an_interrupted_ledger():
-    assert db.DailySpend(10.0, lambda: DAY, None).spent() == 0.0
-    calendar = Calendar({DAY: KeyboardInterrupt()})
-    account = db.DailySpend(10.0, calendar.today, calendar.ledger)
-    for _ in range(2):
-        with pytest.raises(KeyboardInterrupt):
-            account.spent()
-        assert account._day == "" and lock_is_free(account._changed)
-    assert calendar.asked == [DAY] * 2
 
 
 @pytest.mark.parametrize("spend, cap, message", [

@@ -1,10 +1,8 @@
 import dataclasses
-import gc
 import inspect
 import math
 import threading
 import time
-import weakref
 
 import pytest
 
@@ -74,21 +72,13 @@ def test_methods_look_like_python_methods(method):
     assert (function.__name__, function.__qualname__) == (method, f"RunBudget.{method}")
 
 
-def test_each_hold_makes_a_new_give_back_that_keeps_the_budget_alive():
+def test_each_hold_makes_a_new_give_back():
     budget = db.RunBudget(5, 1000)
     first, second = budget.hold(1.0), budget.hold(2.0)
     give_back = first._give_back
     assert give_back is not second._give_back and give_back.__doc__ is None
     assert (give_back.__name__, give_back.__qualname__) == ("give_back", "RunBudget.hold.<locals>.give_back")
     assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
-    alive = weakref.ref(budget)
-    budget.cycle = [first, second]  # the shares reach the budget and the budget the shares
-    del budget, give_back
-    gc.collect()
-    assert alive() is not None and alive().in_flight == 2
-    del first, second
-    gc.collect()
-    assert alive() is None
 
 
 @pytest.mark.parametrize("fields, exhausted", [
@@ -121,15 +111,13 @@ def test_exhaustion_message_and_precedence_of_the_stop():
 
 
 class Stop:
-    """A stop predicate that says when it is asked under the lock (second call on), and can raise."""
+    """A stop predicate that says when it is asked under the lock (second call on)."""
 
-    def __init__(self, raise_at=None):
-        self.now, self.asked, self.raise_at, self.waiting = False, 0, raise_at, threading.Event()
+    def __init__(self):
+        self.now, self.asked, self.waiting = False, 0, threading.Event()
 
     def __call__(self):
         self.asked += 1
-        if self.asked == self.raise_at:
-            raise KeyError("stop")
         if self.asked >= 2:
             self.waiting.set()
         return self.now
@@ -182,41 +170,3 @@ def test_a_give_back_on_another_thread_wakes_the_waiter_at_once(monkeypatch, rep
     assert not thread.is_alive() and outcome[1] - start < 2.0
     assert outcome[0] is None if admitted else type(outcome[0]) is db.DecisionBudgetExceeded
     assert budget.in_flight == 1 + admitted
-
-
-@pytest.mark.parametrize("raise_at", [None, 1, 2])
-def test_stops_and_stop_errors_end_the_wait_with_the_lock_free(monkeypatch, raise_at):
-    monkeypatch.setattr(db, "_POLL_S", 0.05)
-    budget = db.RunBudget(5, 1000)
-    budget.reserve(1000.0)
-    budget.should_stop = stop = Stop(raise_at)
-    if raise_at:
-        with pytest.raises(KeyError, match="stop"):
-            budget.reserve(1.0)
-    else:
-        thread, outcome = waiter(budget, stop)
-        stop.now, start = True, time.monotonic()  # no notification: seen at the next poll
-        thread.join(5.0)
-        assert type(outcome[0]) is db.DecisionStopped and outcome[1] - start < 2.0
-    assert budget.in_flight == 1 and lock_is_free(budget._changed)
-
-
-class Unreadable:
-    cached, input_tokens = False, 7
-
-    @property
-    def cost(self):
-        raise ZeroDivisionError
-
-
-@pytest.mark.parametrize("act, error, counted", [
-    (lambda b: b.reserve("many"), TypeError, (1, 0, 0)), (lambda b: b.hold(None), TypeError, (1, 0, 0)),
-    (lambda b: b.charge(Unreadable(), 5.0), ZeroDivisionError, (0, 1, 7)),  # counted up to the cost, in order
-])
-def test_errors_pass_through_with_the_lock_free(act, error, counted):
-    budget = db.RunBudget(5, 1000)
-    budget.reserve(5.0)
-    with pytest.raises(error):
-        act(budget)
-    assert (budget.in_flight, budget.calls, budget.input_tokens) == counted and budget.cost == 0.0
-    assert lock_is_free(budget._changed)
