@@ -114,7 +114,6 @@ def test_binds_as_a_method():
     share = db.Share()
     method = share.settle
     assert type(method) is types.MethodType and method.__self__ is share and method.__func__ is db.Share.settle
-    assert str(inspect.signature(method)) == "(reply: 'PaidReply | None') -> 'None'"
     assert vars(db.Share)["settle"].__get__(None, db.Share) is db.Share.settle
     with pytest.raises(TypeError, match=r"^Share.settle\(\) takes 2 positional arguments but 3 were given$"):
         method(1, 2)
@@ -133,29 +132,17 @@ def test_defaults_are_read_at_each_call(monkeypatch):
         db.Share()
 
 
-@pytest.mark.parametrize(
-    "attribute, value, error",
-    [("__name__", 3, TypeError), ("__qualname__", None, TypeError), ("__defaults__", [1], TypeError),
-     ("__kwdefaults__", (), TypeError), ("__annotations__", 1, TypeError), ("__globals__", {}, AttributeError),
-     ("__doc__", "new", None), ("__name__", "renamed", None), ("__module__", "elsewhere", None),
-     ("extra", 1, None)],
-)
-def test_attributes_are_checked_like_a_functions(attribute, value, error):
-    function = db._Held.take
-    before = getattr(function, attribute, None)
-    try:
-        if error:
-            with pytest.raises(error):
-                setattr(function, attribute, value)
-        else:
-            setattr(function, attribute, value)
-            assert getattr(function, attribute) == value
-    finally:
-        if attribute == "extra":
-            del function.extra
-        elif error is None:
-            setattr(function, attribute, before)
-    assert "extra" not in vars(function)
+@pytest.mark.parametrize("attribute, value, error", [
+    ("__name__", 3, TypeError), ("__qualname__", None, TypeError), ("__defaults__", [1], TypeError),
+    ("__kwdefaults__", (), TypeError), ("__annotations__", 1, TypeError), ("__globals__", {}, AttributeError),
+    ("__doc__", "new", None), ("__name__", "renamed", None), ("__module__", "elsewhere", None), ("extra", 1, None)])
+def test_attributes_are_checked_like_a_functions(monkeypatch, attribute, value, error):
+    if error:
+        with pytest.raises(error):
+            setattr(db._Held.take, attribute, value)
+    else:
+        monkeypatch.setattr(db._Held.take, attribute, value, raising=False)
+        assert getattr(db._Held.take, attribute) == value
 
 
 @pytest.fixture

@@ -3,9 +3,7 @@
 import gc
 import importlib
 import math
-import subprocess
 import sys
-import textwrap
 import threading
 import time
 import tracemalloc
@@ -15,7 +13,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import Reply
+from support import Reply, run_python
 
 
 KEPT = [
@@ -187,8 +185,7 @@ def test_a_reimport_gives_an_independent_module_and_the_old_one_keeps_working(mo
 
 
 def test_imports_and_works_in_an_interpreter_with_its_own_gil():
-    code = textwrap.dedent(
-        """
+    assert run_python("""
         import _xxsubinterpreters as interpreters
         import engines.decision_bounds
         interpreter = interpreters.create(isolated=True)
@@ -209,7 +206,4 @@ def test_imports_and_works_in_an_interpreter_with_its_own_gil():
         ''')
         interpreters.destroy(interpreter)
         print("ok")
-        """
-    )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.stdout.strip() == "ok", out.stderr
+        """) == "ok"

@@ -1,13 +1,12 @@
 import inspect
 import pydoc
-import subprocess
-import sys
-import textwrap
 import typing
 
 import pytest
 
 from engines import decision_bounds as db
+
+from support import run_python
 
 MODULE_DOC = (
     'The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a\n'
@@ -98,15 +97,10 @@ def test_paid_reply_is_a_protocol_of_three_read_only_properties():
     assert proto.__bases__ == (typing.Protocol,) and proto._is_protocol
     assert proto.__doc__ == "What a bound reads of a reply (a ``DecisionResult``)."
     assert proto.__module__ == db.__name__ and proto.__qualname__ == "PaidReply"
-    props = [k for k, v in vars(proto).items() if isinstance(v, property)]
-    assert props == ["cached", "input_tokens", "cost"]
-    for name, returns in zip(props, ["bool", "int", "float"]):
-        prop = vars(proto)[name]
-        assert prop.fset is None and prop.fdel is None
-        getter = prop.fget
-        assert (getter.__name__, getter.__qualname__, getter.__doc__) == (name, f"PaidReply.{name}", None)
-        assert getter.__annotations__ == {"return": returns}
-        assert str(inspect.signature(getter)) == f"(self) -> '{returns}'"
+    props = {k: v for k, v in vars(proto).items() if isinstance(v, property)}
+    assert [(k, p.fset, p.fdel, p.fget.__qualname__, p.fget.__doc__, str(inspect.signature(p.fget))) for k, p in
+            props.items()] == [(k, None, None, f"PaidReply.{k}", None, f"(self) -> '{t}'") for k, t in
+                               [("cached", "bool"), ("input_tokens", "int"), ("cost", "float")]]
     with pytest.raises(TypeError, match="runtime_checkable"):
         isinstance(object(), proto)
 
@@ -127,8 +121,7 @@ def test_help_renders_the_module():
     "blocked", ["functools", "logging", "math", "threading", "collections.abc", "dataclasses", "typing", "__future__"]
 )
 def test_a_failing_standard_import_fails_the_import_unchanged(blocked):
-    code = textwrap.dedent(
-        f"""
+    assert run_python(f"""
         import sys
         import engines.decision_bounds  # built and found once, so only the blocked import differs
         del sys.modules["engines.decision_bounds"]
@@ -137,15 +130,11 @@ def test_a_failing_standard_import_fails_the_import_unchanged(blocked):
             import engines.decision_bounds
         except ImportError as error:
             print(type(error).__name__, error, "engines.decision_bounds" in sys.modules)
-        """
-    )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.stdout.strip() == f"ModuleNotFoundError import of {blocked} halted; None in sys.modules False", out.stderr
+        """) == f"ModuleNotFoundError import of {blocked} halted; None in sys.modules False"
 
 
 def test_an_exception_at_start_up_passes_through_unchanged():
-    code = textwrap.dedent(
-        """
+    assert run_python("""
         import sys, dataclasses
         import engines.decision_bounds
         del sys.modules["engines.decision_bounds"]
@@ -157,7 +146,4 @@ def test_an_exception_at_start_up_passes_through_unchanged():
             import engines.decision_bounds
         except ValueError as error:
             print(error is marker, error.__cause__, "engines.decision_bounds" in sys.modules)
-        """
-    )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.stdout.strip() == "True None False", out.stderr
+        """) == "True None False"
