@@ -7,8 +7,7 @@ from engines import decision_bounds as db
 
 class Callback:
     def __init__(self, raises=None):
-        self.calls = []
-        self.raises = raises
+        self.calls, self.raises = [], raises
 
     def __call__(self, reply):
         self.calls.append(reply)
@@ -20,48 +19,23 @@ class Stop(Exception):
     pass
 
 
-def end_normally(share, reply):
-    with share:
-        pass
-
-
-def end_settled(share, reply):
-    with share as held:
-        assert held is share
-        share.settle(reply)
-
-
-def end_by_error(share, reply):
-    with pytest.raises(Stop):
-        with share:
-            raise Stop
-
-
-def end_settled_then_error(share, reply):
-    with pytest.raises(Stop):
-        with share:
-            share.settle(reply)
-            raise Stop
-
-
-def end_by_interrupt(share, reply):
-    with pytest.raises(KeyboardInterrupt):
-        with share:
-            raise KeyboardInterrupt
-
-
-@pytest.mark.parametrize(
-    "end, settled",
-    [(end_normally, False), (end_settled, True), (end_by_error, False), (end_settled_then_error, True),
-     (end_by_interrupt, False)],
-)
-def test_gives_back_exactly_once_however_the_block_ends(end, settled, reply):
+@pytest.mark.parametrize("settles, raises", [
+    (False, None), (True, None), (False, Stop), (True, Stop), (False, KeyboardInterrupt)])
+def test_gives_back_exactly_once_however_the_block_ends(settles, raises):
     callback = Callback()
-    share = db.Share(callback)
-    paid = reply(cost=0.25)
-    end(share, paid)
-    assert callback.calls == [paid if settled else None]
-    assert share._give_back is None
+    share, paid = db.Share(callback), object()
+    try:
+        with share as held:
+            assert held is share
+            if settles:
+                share.settle(paid)
+            if raises:
+                raise raises
+    except BaseException as error:  # noqa: BLE001 - compared below
+        assert type(error) is raises
+    else:
+        assert raises is None
+    assert callback.calls == [paid if settles else None] and share._give_back is None
     share.settle(paid)
     assert len(callback.calls) == 1
 
@@ -85,11 +59,10 @@ def test_a_raising_release_is_chained_to_the_error_that_ended_the_block():
     assert isinstance(error.value.__context__, Stop)
 
 
-@pytest.mark.parametrize("give_back", [None, "default"])
-def test_shares_of_nothing(give_back, reply):
-    share = db.Share() if give_back == "default" else db.Share(give_back)
-    assert share._give_back is (db._nothing if give_back == "default" else None)
-    assert share.settle(reply()) is None and share._give_back is None
+def test_shares_of_nothing():
+    assert db.Share()._give_back is db._nothing
+    for share in (db.Share(), db.Share(None)):
+        assert share.settle(object()) is None and share._give_back is None
 
 
 def test_exit_settles_with_none_through_the_instances_settle():
