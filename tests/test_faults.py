@@ -39,24 +39,17 @@ class Faults:
         return faulty
 
 
+def faulty_field(name):
+    return property(lambda self: self._faults.tick(name) or getattr(self, "_" + name))
+
+
 class FaultyReply:
+    """A reply each of whose fields the faults may refuse to give."""
+
+    cached, input_tokens, cost = faulty_field("cached"), faulty_field("input_tokens"), faulty_field("cost")
+
     def __init__(self, faults, cost, input_tokens, cached=False):
-        self._faults, self._cost, self._tokens, self._cached = faults, cost, input_tokens, cached
-
-    @property
-    def cached(self):
-        self._faults.tick("cached")
-        return self._cached
-
-    @property
-    def input_tokens(self):
-        self._faults.tick("input_tokens")
-        return self._tokens
-
-    @property
-    def cost(self):
-        self._faults.tick("cost")
-        return self._cost
+        self._faults, self._cost, self._input_tokens, self._cached = faults, cost, input_tokens, cached
 
 
 @pytest.fixture(autouse=True)
