@@ -75,23 +75,6 @@ def test_refusal_when_settled_spend_reaches_cap(caplog, spend, cap, message):
     assert [(r.args, r.exc_info) for r in logged(caplog, CAP_WARNING)] == [((spend, cap), None)] * 2
 
 
-@pytest.mark.parametrize("settled, holding, bound, admitted", [
-    (9.999, [], math.inf, True), (9.999, [], 50.0, True), (6.0, [3.0], 4.0, True), (7.0, [3.0], 4.0, False),
-    (0.0, [math.inf], 0.0, False), (0.0, [0.0], math.inf, False)])
-def test_admission_rule(settled, holding, bound, admitted):
-    account = db.DailySpend(10.0, lambda: DAY, lambda day: settled)
-    for h in holding:
-        account.admit(lambda: h, **NO_WAIT)
-    if admitted:  # admitted at once: neither the stop nor the passed deadline is looked at
-        account.admit(lambda: bound, deadline=0.0, clock=lambda: 1.0, stopping=lambda: True)
-    else:
-        with pytest.raises(db.DecisionTimeout):
-            account.admit(lambda: bound, deadline=time.monotonic() + 0.05, clock=time.monotonic,
-                          stopping=lambda: False)
-    held = holding + [bound] * admitted
-    assert account._held == db._Held(len(held), sum(h for h in held if h != math.inf), held.count(math.inf))
-
-
 @pytest.mark.parametrize("ending, outcome", [
     ("give_back", db.Share), ("deadline", db.DecisionTimeout), ("stop", db.DecisionStopped)])
 def test_wait_ends(monkeypatch, ending, outcome):

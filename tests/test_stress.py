@@ -148,12 +148,10 @@ class BudgetModel(RuleBasedStateMachine):
 
     def __init__(self):
         super().__init__()
-        self.stop_after = math.inf
-        self.stop_calls = 0
+        self.stop_after, self.stop_calls = math.inf, 0
         self.budget = db.RunBudget(5, 300, should_stop=self.should_stop)
-        self.shares = []  # (share, tokens)
-        self.calls = self.in_flight = self.tokens_used = self.cache_hits = 0
-        self.held = []
+        self.shares, self.held = [], []  # (share, tokens); the tokens held
+        self.calls = self.tokens_used = self.cache_hits = 0
 
     def should_stop(self):
         self.stop_calls += 1
@@ -161,13 +159,11 @@ class BudgetModel(RuleBasedStateMachine):
 
     @rule(tokens=st.one_of(st.sampled_from([0.0, 40.0, 120.5, 300.0]), st.just(math.inf)))
     def hold(self, tokens):
-        exhausted = self.calls + self.in_flight >= 5 or self.tokens_used >= 300
-        if exhausted:
+        if self.calls + len(self.held) >= 5 or self.tokens_used >= 300:
             with pytest.raises(db.DecisionBudgetExceeded, match="^decision budget exhausted: "):
                 self.budget.hold(tokens)
         elif admits(self.held, tokens, self.tokens_used, 300):
             self.shares.append((self.budget.hold(tokens), tokens))
-            self.in_flight += 1
             self.held.append(tokens)
         else:
             self.stop_calls, self.stop_after = 0, 2  # the lockless test, then the first wait's
@@ -180,13 +176,9 @@ class BudgetModel(RuleBasedStateMachine):
     def end(self, data, used, paid):
         share, tokens = self.shares.pop(data.draw(st.integers(0, len(self.shares) - 1)))
         self.held.remove(tokens)
-        self.in_flight -= 1
-        if paid:
-            share.settle(Reply(0.5, used))
-            self.calls += 1
-            self.tokens_used += used
-        else:
-            share.settle(None)
+        share.settle(Reply(0.5, used) if paid else None)
+        self.calls += paid
+        self.tokens_used += used * paid
 
     @rule()
     def cache_hit(self):
@@ -197,7 +189,7 @@ class BudgetModel(RuleBasedStateMachine):
     def agrees(self):
         b = self.budget
         assert (b.calls, b.in_flight, b.input_tokens, b.cache_hits) == (
-            self.calls, self.in_flight, self.tokens_used, self.cache_hits)
+            self.calls, len(self.held), self.tokens_used, self.cache_hits)
         assert_holds(b._held_tokens, self.held, pytest.approx(sum(t for t in self.held if not math.isinf(t))))
         assert b.cost == pytest.approx(0.5 * self.calls)
 
@@ -236,7 +228,7 @@ class DailyModel(RuleBasedStateMachine):
         if not self.held:
             self.amount = 0.0
         share.settle(Reply(cost) if paid else None)
-        self.spent += cost if paid else 0.0
+        self.spent += cost * paid
 
     @rule(cost=st.sampled_from([0.05, 0.5]))
     def charge(self, cost):

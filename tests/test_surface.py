@@ -1,5 +1,4 @@
 import inspect
-import pydoc
 import typing
 
 import pytest
@@ -109,12 +108,6 @@ def test_paid_reply_is_a_protocol_of_three_read_only_properties():
 
     bare = Bare()
     assert (bare.cached, bare.input_tokens, bare.cost) == (None, None, None)
-
-
-def test_help_renders_the_module():
-    text = pydoc.render_doc(db, renderer=pydoc.plaintext)
-    assert "settle(self, reply: 'PaidReply | None') -> 'None'" in text
-    assert "never() -> 'bool'" in text and "A stop that never comes." in text
 
 
 @pytest.mark.parametrize(
