@@ -15,47 +15,38 @@ def resolve(path):
     return obj
 
 
-# What each function looks like to its callers: signature, annotations and docstring.
+# What each function looks like to its callers: its parameters and annotations, written as in a
+# `def` statement, and its docstring.
 FUNCTIONS = {
-    "never": ("()", {"return": "bool"}, "A stop that never comes."),
-    "_nothing": ("(_reply)", {"_reply": "PaidReply | None", "return": "None"}, "Give back a share of nothing."),
+    "never": ("() -> 'bool'", "A stop that never comes."),
+    "_nothing": ("(_reply: 'PaidReply | None') -> 'None'", "Give back a share of nothing."),
     "Share.__init__": (
-        "(self, give_back=_nothing)",
-        {"give_back": "Callable[[PaidReply | None], None]", "return": "None"},
+        "(self, give_back: 'Callable[[PaidReply | None], None]' = _nothing) -> 'None'",
         "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
-        "(None: not paid).\n        ",
-    ),
+        "(None: not paid).\n        "),
     "Share.settle": (
-        "(self, reply)",
-        {"reply": "PaidReply | None", "return": "None"},
+        "(self, reply: 'PaidReply | None') -> 'None'",
         "Give the share back, counting ``reply`` (None: the call was not paid); a share given\n        back already "
-        "is not given back again.",
-    ),
-    "Share.__enter__": ("(self)", {"return": "Share"}, None),
-    "Share.__exit__": ("(self, *_exc)", {"_exc": "object", "return": "None"}, None),
+        "is not given back again."),
+    "Share.__enter__": ("(self) -> 'Share'", None),
+    "Share.__exit__": ("(self, *_exc: 'object') -> 'None'", None),
     "_Held.admits": (
-        "(self, share, used, limit)",
-        {"share": "float", "used": "float", "limit": "float", "return": "bool"},
+        "(self, share: 'float', used: 'float', limit: 'float') -> 'bool'",
         "Whether a call that would hold ``share`` may start: nothing unbounded is held, an\n        unbounded share is "
-        "held by no other call, and ``used`` plus what is held is below\n        ``limit``.",
-    ),
-    "_Held.take": ("(self, share)", {"share": "float", "return": "None"}, None),
-    "_Held.give_back": ("(self, share)", {"share": "float", "return": "None"}, None),
+        "held by no other call, and ``used`` plus what is held is below\n        ``limit``."),
+    "_Held.take": ("(self, share: 'float') -> 'None'", None),
+    "_Held.give_back": ("(self, share: 'float') -> 'None'", None),
     "_wait": (
-        "(changed, stopping, *, deadline=None, clock=None)",
-        {
-            "changed": "threading.Condition", "stopping": "Callable[[], bool]", "deadline": "float | None",
-            "clock": "Callable[[], float] | None", "return": "None",
-        },
+        "(changed: 'threading.Condition', stopping: 'Callable[[], bool]', *, deadline: 'float | None' = None, "
+        "clock: 'Callable[[], float] | None' = None) -> 'None'",
         "Wait, holding ``changed``, until a held share is given back or a poll interval passes.\n\n    Raises:\n"
         "        DecisionStopped: The pass is stopping.\n        DecisionTimeout: ``deadline`` (on ``clock``) passed.\n"
-        "    ",
-    ),
+        "    "),
 }
 
 
 def reference(path, params):
-    """A Python function with the same parameters and qualified name, to compare binding against."""
+    """A Python function with the same parameters, annotations and qualified name."""
     namespace = {"_nothing": db._nothing}
     exec(f"def {path.rsplit('.', 1)[-1]}{params}: return None", namespace)
     function = namespace[path.rsplit(".", 1)[-1]]
@@ -65,22 +56,16 @@ def reference(path, params):
 
 @pytest.mark.parametrize("path", FUNCTIONS)
 def test_looks_like_a_python_function(path):
-    params, annotations, doc = FUNCTIONS[path]
-    function = resolve(path)
-    expected = inspect.signature(reference(path, params))
-    expected = expected.replace(
-        parameters=[p.replace(annotation=annotations.get(p.name, p.empty)) for p in expected.parameters.values()],
-        return_annotation=annotations["return"],
-    )
-    assert inspect.signature(function) == expected
+    params, doc = FUNCTIONS[path]
+    function, python = resolve(path), reference(path, params)
+    assert inspect.signature(function) == inspect.signature(python)
     assert (function.__name__, function.__qualname__, function.__module__) == (
         path.rsplit(".", 1)[-1], path, db.__name__)
-    assert function.__doc__ == doc and function.__annotations__ == annotations
+    assert function.__doc__ == doc
+    assert list(function.__annotations__.items()) == list(python.__annotations__.items())  # 'return' last
     assert function.__globals__ is vars(db) and isinstance(function.__code__, types.CodeType)
-    assert list(function.__annotations__) == list(annotations)  # parameters in order, 'return' last
     # The texts resolve in the module's namespace, as for a function written in Python.
-    hints = typing.get_type_hints(function)
-    assert set(hints) == set(annotations)
+    assert set(typing.get_type_hints(function)) == set(python.__annotations__)
     inspect.signature(function, eval_str=True)
     assert repr(function).startswith(f"<function {path} at 0x")
 
