@@ -1,5 +1,4 @@
 import functools
-import inspect
 import logging
 import math
 import sys
@@ -129,40 +128,7 @@ def test_surface():
         "__init__", "spent", "admit", "charge", "_give_back", "_today_locked", "_spent_since"]
     assert list(vars(D(1.0, str, None))) == ["_cap", "_today", "_ledger", "_changed", "_held", "_day", "_cost",
                                              "_capped"]
-    docs = {
-        D: "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
-           "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
-           "hold their shares across midnight: each is counted on the day it settles.",
-        D.__init__: "Create the day's account.\n\n        Args:\n            cap: USD the paid calls of one UTC day "
-                    "may cost.\n            today: Today's UTC date, ``YYYY-MM-DD``.\n            ledger: What the "
-                    "paid calls since a date cost, USD; None: nothing is kept.\n        ",
-        D.spent: "What the paid calls of today cost so far, USD.",
-        D.admit: "Hold what a paid call may cost before it is made.\n\n        Args:\n            bound: The most "
-                 "the call may cost, USD (``math.inf`` when not known), asked again\n                after each wait:"
-                 " a reply that settles meanwhile may bound it.\n            deadline: When the call ends, on "
-                 "``clock``; None: it waits until a call in flight\n                ends or ``stopping`` says so.\n"
-                 "            clock: The client's monotonic clock.\n            stopping: Whether the pass the call "
-                 "belongs to is stopping.\n\n        Returns:\n            The share held: settled with the paid "
-                 "reply, it counts the reply's cost today.\n\n        Raises:\n            DecisionBudgetExceeded: "
-                 "Today's settled calls cost the cap (warned once a day).\n            DecisionTimeout: The deadline"
-                 " passed while the calls in flight held the rest.\n            DecisionStopped: The pass is "
-                 "stopping.\n        ",
-        D.charge: "Count what ``reply`` cost today without a share: an attempt of a call that settled\n        with "
-                  "another reply, sent and never read (the endpoint may bill it).",
-        D._give_back: "Give back what a call held, and count what its paid ``reply`` cost today.",
-        D._today_locked: "Today's spend; a new day starts from what the ledger says it has cost so far, and keeps\n"
-                         "        the shares of the calls in flight, which it is charged when they settle.",
-        D._spent_since: None,
-    }
-    assert {k: k.__doc__ for k in docs} == docs
-    assert {f.__qualname__: str(inspect.signature(f)) for f in docs if f is not D} == {
-        "DailySpend.__init__": "(self, cap: 'float', today: 'Callable[[], str]', "
-                               "ledger: 'Callable[[str], float] | None') -> 'None'",
-        "DailySpend.spent": "(self) -> 'float'",
-        "DailySpend.admit": "(self, bound: 'Callable[[], float]', *, deadline: 'float | None', "
-                            "clock: 'Callable[[], float]', stopping: 'Callable[[], bool]') -> 'Share'",
-        "DailySpend.charge": "(self, reply: 'PaidReply') -> 'None'",
-        "DailySpend._give_back": "(self, held: 'float', reply: 'PaidReply | None') -> 'None'",
-        "DailySpend._today_locked": "(self) -> 'float'",
-        "DailySpend._spent_since": "(self, day: 'str') -> 'float'",
-    }
+    assert D.__doc__ == (
+        "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
+        "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
+        "hold their shares across midnight: each is counted on the day it settles.")

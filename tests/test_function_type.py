@@ -22,8 +22,8 @@ FUNCTIONS = {
     "_nothing": ("(_reply: 'PaidReply | None') -> 'None'", "Give back a share of nothing."),
     "Share.__init__": (
         "(self, give_back: 'Callable[[PaidReply | None], None]' = _nothing) -> 'None'",
-        "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
-        "(None: not paid).\n        "),
+        "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the "
+        "reply (None: not paid).\n        "),
     "Share.settle": (
         "(self, reply: 'PaidReply | None') -> 'None'",
         "Give the share back, counting ``reply`` (None: the call was not paid); a share given\n        back already "
@@ -42,6 +42,63 @@ FUNCTIONS = {
         "Wait, holding ``changed``, until a held share is given back or a poll interval passes.\n\n    Raises:\n"
         "        DecisionStopped: The pass is stopping.\n        DecisionTimeout: ``deadline`` (on ``clock``) passed.\n"
         "    "),
+    "RunBudget.stopping": ("(self) -> 'bool'", "Whether the pass has been asked to stop."),
+    "RunBudget.exhausted": ("(self) -> 'bool'", None),
+    "RunBudget._exhausted_locked": ("(self) -> 'bool'", None),
+    "RunBudget.reserve": (
+        "(self, tokens: 'float' = 0.0) -> 'None'",
+        "Take a call slot and ``tokens`` before a network call, waiting while the calls in flight\n        hold the "
+        "rest of the tokens.\n\n        Args:\n            tokens: The most input tokens the call may use; "
+        "``math.inf`` when that is not known.\n\n        Raises:\n            DecisionBudgetExceeded: No call or no "
+        "token is left.\n            DecisionStopped: The pass is stopping, before or while the call waits.\n        "),
+    "RunBudget.hold": ("(self, tokens: 'float') -> 'Share'", ":meth:`reserve` a call slot and ``tokens``, as a "
+                       "share that settles by :meth:`charge`\n        with the paid reply, or by :meth:`release` "
+                       "without one."),
+    "RunBudget.release": ("(self, tokens: 'float' = 0.0) -> 'None'",
+                          "Give a reserved slot and its ``tokens`` back after a failed call."),
+    "RunBudget.charge": ("(self, result: 'PaidReply', tokens: 'float' = 0.0) -> 'None'",
+                         "Record a completed call (settling its reserved slot and ``tokens``) or a cache hit."),
+    "RunBudget.summary": ("(self) -> 'dict[str, Any]'", None),
+    "RunBudget._summary_locked": ("(self) -> 'dict[str, Any]'", None),
+    "DailySpend.__init__": (
+        "(self, cap: 'float', today: 'Callable[[], str]', ledger: 'Callable[[str], float] | None') -> 'None'",
+        "Create the day's account.\n\n        Args:\n            cap: USD the paid calls of one UTC day may cost.\n"
+        "            today: Today's UTC date, ``YYYY-MM-DD``.\n            ledger: What the paid calls since a date "
+        "cost, USD; None: nothing is kept.\n        "),
+    "DailySpend.spent": ("(self) -> 'float'", "What the paid calls of today cost so far, USD."),
+    "DailySpend.admit": (
+        "(self, bound: 'Callable[[], float]', *, deadline: 'float | None', clock: 'Callable[[], float]', "
+        "stopping: 'Callable[[], bool]') -> 'Share'",
+        "Hold what a paid call may cost before it is made.\n\n        Args:\n            bound: The most the call may "
+        "cost, USD (``math.inf`` when not known), asked again\n                after each wait: a reply that settles "
+        "meanwhile may bound it.\n            deadline: When the call ends, on ``clock``; None: it waits until a call "
+        "in flight\n                ends or ``stopping`` says so.\n            clock: The client's monotonic clock.\n"
+        "            stopping: Whether the pass the call belongs to is stopping.\n\n        Returns:\n            The "
+        "share held: settled with the paid reply, it counts the reply's cost today.\n\n        Raises:\n            "
+        "DecisionBudgetExceeded: Today's settled calls cost the cap (warned once a day).\n            DecisionTimeout:"
+        " The deadline passed while the calls in flight held the rest.\n            DecisionStopped: The pass is "
+        "stopping.\n        "),
+    "DailySpend.charge": ("(self, reply: 'PaidReply') -> 'None'", "Count what ``reply`` cost today without a share: "
+                          "an attempt of a call that settled\n        with another reply, sent and never read (the "
+                          "endpoint may bill it)."),
+    "DailySpend._give_back": ("(self, held: 'float', reply: 'PaidReply | None') -> 'None'",
+                              "Give back what a call held, and count what its paid ``reply`` cost today."),
+    "DailySpend._today_locked": (
+        "(self) -> 'float'", "Today's spend; a new day starts from what the ledger says it has cost so far, and "
+        "keeps\n        the shares of the calls in flight, which it is charged when they settle."),
+    "DailySpend._spent_since": ("(self, day: 'str') -> 'float'", None),
+    "_Charges.bound": ("(self, size: 'int') -> 'float'", "The most a request of ``size`` bytes may come to: never less "
+                       "than the most one call\n        came to, and for a request larger than those seen, the most "
+                       "per byte times its size (the\n        part of a charge that grows with the request's bytes)."),
+    "_Charges.learn": ("(self, size: 'int', charge: 'float') -> 'None'", None),
+    "RequestRates.__init__": ("(self) -> 'None'", None),
+    "RequestRates.cost": ("(self, size: 'int', feature: 'str') -> 'float'", "The most a request of ``size`` bytes "
+                          "of ``feature`` may cost, USD; ``math.inf`` while\n        no reply of ``feature`` has "
+                          "been paid for."),
+    "RequestRates.tokens": ("(self, size: 'int') -> 'float'", "The most input tokens a request of ``size`` bytes may "
+                            "use; ``math.inf`` while not\n        known."),
+    "RequestRates.learn": ("(self, size: 'int', feature: 'str', reply: 'PaidReply') -> 'None'",
+                           "Take in what a paid reply of ``feature`` to a request of ``size`` bytes cost."),
 }
 
 
@@ -68,6 +125,12 @@ def test_looks_like_a_python_function(path):
     assert set(typing.get_type_hints(function)) == set(python.__annotations__)
     inspect.signature(function, eval_str=True)
     assert repr(function).startswith(f"<function {path} at 0x")
+
+
+def test_the_table_has_every_function():
+    classes = (db.Share, db._Held, db.RunBudget, db.DailySpend, db.RequestRates, db._Charges)
+    assert {v.__qualname__ for c in (db, *classes) for v in vars(c).values() if type(v) is type(db.never)} == set(
+        FUNCTIONS)
 
 
 # Calls whose binding fails must fail exactly as they would for a Python function.

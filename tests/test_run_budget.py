@@ -14,30 +14,8 @@ DOC = """Bounds one batch pass: its calls, its tokens and its stop. A paid call 
     the tokens it may use from :meth:`hold` until its share settles (:meth:`charge` or
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
     starts."""
-RESERVE_DOC = """Take a call slot and ``tokens`` before a network call, waiting while the calls in flight
-        hold the rest of the tokens.
-
-        Args:
-            tokens: The most input tokens the call may use; ``math.inf`` when that is not known.
-
-        Raises:
-            DecisionBudgetExceeded: No call or no token is left.
-            DecisionStopped: The pass is stopping, before or while the call waits.
-        """
-METHODS = {
-    "stopping": ("(self) -> 'bool'", "Whether the pass has been asked to stop."),
-    "exhausted": ("(self) -> 'bool'", None),
-    "_exhausted_locked": ("(self) -> 'bool'", None),
-    "reserve": ("(self, tokens: 'float' = 0.0) -> 'None'", RESERVE_DOC),
-    "hold": ("(self, tokens: 'float') -> 'Share'", ":meth:`reserve` a call slot and ``tokens``, as a share that "
-             "settles by :meth:`charge`\n        with the paid reply, or by :meth:`release` without one."),
-    "release": ("(self, tokens: 'float' = 0.0) -> 'None'", "Give a reserved slot and its ``tokens`` back after a "
-                "failed call."),
-    "charge": ("(self, result: 'PaidReply', tokens: 'float' = 0.0) -> 'None'", "Record a completed call (settling "
-               "its reserved slot and ``tokens``) or a cache hit."),
-    "summary": ("(self) -> 'dict[str, Any]'", None),
-    "_summary_locked": ("(self) -> 'dict[str, Any]'", None),
-}
+METHODS = ["stopping", "exhausted", "_exhausted_locked", "reserve", "hold", "release", "charge", "summary",
+           "_summary_locked"]
 FIELDS = {"max_calls": "int", "max_tokens": "int", "calls": "int", "input_tokens": "int", "cost": "float",
           "cache_hits": "int", "in_flight": "int", "should_stop": "Callable[[], bool]", "_held_tokens": "_Held",
           "_changed": "threading.Condition"}
@@ -57,14 +35,7 @@ def test_dataclass_surface():
     assert budget._held_tokens == db._Held() and budget._held_tokens is not db.RunBudget(3, 1000)._held_tokens
     assert type(budget._changed) is threading.Condition and budget.should_stop is db.never
     assert budget == db.RunBudget(3, 1000, should_stop=lambda: True) != db.RunBudget(3, 1000, in_flight=1)
-    assert [n for n in vars(cls) if n in METHODS] == list(METHODS)
-
-
-@pytest.mark.parametrize("method", METHODS)
-def test_methods_look_like_python_methods(method):
-    function = vars(db.RunBudget)[method]
-    assert (str(inspect.signature(function)), function.__doc__) == METHODS[method]
-    assert (function.__name__, function.__qualname__) == (method, f"RunBudget.{method}")
+    assert [n for n in vars(cls) if n in METHODS] == METHODS  # in the order they are defined
 
 
 def test_each_hold_makes_a_new_give_back():
