@@ -1,5 +1,9 @@
-"""What the tests share: a reply as the client gives one, and a look at an owner's lock."""
+"""What the tests share: a reply as the client gives one, a look at an owner's lock, a fresh
+interpreter."""
 
+import subprocess
+import sys
+import textwrap
 import threading
 
 
@@ -28,3 +32,9 @@ def lock_is_free(condition, timeout=2.0):
     t.start()
     t.join(timeout + 1.0)
     return got == [True]
+
+
+def run_python(code):
+    """What `code` prints in a fresh interpreter, with its stderr if it fails."""
+    out = subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True, timeout=120)
+    return out.stdout.strip() + ("" if out.returncode == 0 else "\n" + out.stderr)

@@ -1,27 +1,21 @@
 import functools
-import inspect
 import logging
 import math
 import sys
 import threading
 import time
-from types import SimpleNamespace
 
 import pytest
 
 from engines import decision_bounds as db
 
-from support import lock_is_free
+from support import Reply, lock_is_free
 
 LEDGER_WARNING = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAP_WARNING = ("The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
                "tomorrow, cached answers are still used")
 NO_WAIT = dict(deadline=None, clock=time.monotonic, stopping=lambda: False)
 DAY, NEXT = "2026-03-01", "2026-03-02"
-
-
-def Reply(cost=0.0, input_tokens=0, cached=False):
-    return SimpleNamespace(cost=cost, input_tokens=input_tokens, cached=cached)
 
 
 class Calendar:
@@ -62,17 +56,6 @@ def test_ledger_reading(caplog, figure, spent, error):
         assert records[0].exc_info[1] is figure and records[0].exc_info[2] is not None
 
 
-def test_no_ledger_and_an_interrupted_ledger():
-    assert db.DailySpend(10.0, lambda: DAY, None).spent() == 0.0
-    calendar = Calendar({DAY: KeyboardInterrupt()})
-    account = db.DailySpend(10.0, calendar.today, calendar.ledger)
-    for _ in range(2):
-        with pytest.raises(KeyboardInterrupt):
-            account.spent()
-        assert account._day == "" and lock_is_free(account._changed)
-    assert calendar.asked == [DAY] * 2
-
-
 @pytest.mark.parametrize("spend, cap, message", [
     (5.01234, 5, "$5.0123 of $5.00"), (10.0, 10.0, "$10.0000 of $10.00"), (12, 10.5, "$12.0000 of $10.50")])
 def test_refusal_when_settled_spend_reaches_cap(caplog, spend, cap, message):
@@ -89,23 +72,6 @@ def test_refusal_when_settled_spend_reaches_cap(caplog, spend, cap, message):
     db.logger.removeHandler(probe)
     assert asked == [] and account._held == db._Held() and free == [True, True]
     assert [(r.args, r.exc_info) for r in logged(caplog, CAP_WARNING)] == [((spend, cap), None)] * 2
-
-
-@pytest.mark.parametrize("settled, holding, bound, admitted", [
-    (9.999, [], math.inf, True), (9.999, [], 50.0, True), (6.0, [3.0], 4.0, True), (7.0, [3.0], 4.0, False),
-    (0.0, [math.inf], 0.0, False), (0.0, [0.0], math.inf, False)])
-def test_admission_rule(settled, holding, bound, admitted):
-    account = db.DailySpend(10.0, lambda: DAY, lambda day: settled)
-    for h in holding:
-        account.admit(lambda: h, **NO_WAIT)
-    if admitted:  # admitted at once: neither the stop nor the passed deadline is looked at
-        account.admit(lambda: bound, deadline=0.0, clock=lambda: 1.0, stopping=lambda: True)
-    else:
-        with pytest.raises(db.DecisionTimeout):
-            account.admit(lambda: bound, deadline=time.monotonic() + 0.05, clock=time.monotonic,
-                          stopping=lambda: False)
-    held = holding + [bound] * admitted
-    assert account._held == db._Held(len(held), sum(h for h in held if h != math.inf), held.count(math.inf))
 
 
 @pytest.mark.parametrize("ending, outcome", [
@@ -162,40 +128,7 @@ def test_surface():
         "__init__", "spent", "admit", "charge", "_give_back", "_today_locked", "_spent_since"]
     assert list(vars(D(1.0, str, None))) == ["_cap", "_today", "_ledger", "_changed", "_held", "_day", "_cost",
                                              "_capped"]
-    docs = {
-        D: "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
-           "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
-           "hold their shares across midnight: each is counted on the day it settles.",
-        D.__init__: "Create the day's account.\n\n        Args:\n            cap: USD the paid calls of one UTC day "
-                    "may cost.\n            today: Today's UTC date, ``YYYY-MM-DD``.\n            ledger: What the "
-                    "paid calls since a date cost, USD; None: nothing is kept.\n        ",
-        D.spent: "What the paid calls of today cost so far, USD.",
-        D.admit: "Hold what a paid call may cost before it is made.\n\n        Args:\n            bound: The most "
-                 "the call may cost, USD (``math.inf`` when not known), asked again\n                after each wait:"
-                 " a reply that settles meanwhile may bound it.\n            deadline: When the call ends, on "
-                 "``clock``; None: it waits until a call in flight\n                ends or ``stopping`` says so.\n"
-                 "            clock: The client's monotonic clock.\n            stopping: Whether the pass the call "
-                 "belongs to is stopping.\n\n        Returns:\n            The share held: settled with the paid "
-                 "reply, it counts the reply's cost today.\n\n        Raises:\n            DecisionBudgetExceeded: "
-                 "Today's settled calls cost the cap (warned once a day).\n            DecisionTimeout: The deadline"
-                 " passed while the calls in flight held the rest.\n            DecisionStopped: The pass is "
-                 "stopping.\n        ",
-        D.charge: "Count what ``reply`` cost today without a share: an attempt of a call that settled\n        with "
-                  "another reply, sent and never read (the endpoint may bill it).",
-        D._give_back: "Give back what a call held, and count what its paid ``reply`` cost today.",
-        D._today_locked: "Today's spend; a new day starts from what the ledger says it has cost so far, and keeps\n"
-                         "        the shares of the calls in flight, which it is charged when they settle.",
-        D._spent_since: None,
-    }
-    assert {k: k.__doc__ for k in docs} == docs
-    assert {f.__qualname__: str(inspect.signature(f)) for f in docs if f is not D} == {
-        "DailySpend.__init__": "(self, cap: 'float', today: 'Callable[[], str]', "
-                               "ledger: 'Callable[[str], float] | None') -> 'None'",
-        "DailySpend.spent": "(self) -> 'float'",
-        "DailySpend.admit": "(self, bound: 'Callable[[], float]', *, deadline: 'float | None', "
-                            "clock: 'Callable[[], float]', stopping: 'Callable[[], bool]') -> 'Share'",
-        "DailySpend.charge": "(self, reply: 'PaidReply') -> 'None'",
-        "DailySpend._give_back": "(self, held: 'float', reply: 'PaidReply | None') -> 'None'",
-        "DailySpend._today_locked": "(self) -> 'float'",
-        "DailySpend._spent_since": "(self, day: 'str') -> 'float'",
-    }
+    assert D.__doc__ == (
+        "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
+        "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
+        "hold their shares across midnight: each is counted on the day it settles.")

@@ -1,7 +1,6 @@
 """The shortcuts through the standard condition, lock, math.isinf and instance fields: they are
 taken only for the standard objects, and anything else gets the plain calls as before."""
 
-import math
 import threading
 import time
 import types
@@ -49,55 +48,16 @@ def test_a_condition_of_another_class_gets_its_own_methods(lock):
     assert daily.spent() == 0.5 and daily._held.holders == 0
 
 
-def test_a_changed_condition_class_is_called_as_changed(monkeypatch):
-    seen = []
+@pytest.mark.parametrize("where", ["class", "instance"])
+def test_a_notify_all_replaced_on_the_class_or_instance_is_called(monkeypatch, where):
+    daily, seen = account(), []
     original = threading.Condition.notify_all
-    monkeypatch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or original(self))
-    daily = account()
+    if where == "class":
+        monkeypatch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or original(self))
+    else:
+        daily._changed.notify_all = lambda: seen.append(daily._changed)
     settle_one(daily)
     assert seen == [daily._changed]
-
-
-def test_a_notify_all_set_on_the_instance_is_called():
-    daily = account()
-    seen = []
-    daily._changed.notify_all = lambda: seen.append(True)
-    settle_one(daily)
-    assert seen == [True]
-
-
-def test_a_waiter_is_woken_by_the_notification(monkeypatch):
-    monkeypatch.setattr(db, "_POLL_S", 3.0)  # a wake-up that the notification misses comes only after this
-    daily = account()
-    daily._held.take(math.inf)  # nothing else fits until it is given back
-    done = []
-
-    def admit():
-        daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never).settle(None)
-        done.append(time.monotonic())
-
-    waiter = threading.Thread(target=admit, daemon=True)
-    waiter.start()
-    deadline = time.monotonic() + 5
-    while not daily._changed._waiters and time.monotonic() < deadline:
-        time.sleep(0.001)
-    with daily._changed:
-        daily._held.give_back(math.inf)
-    released = time.monotonic()
-    daily.charge(types.SimpleNamespace(cost=0.0))
-    waiter.join(5)
-    assert done and done[0] - released < 1.0
-
-
-def test_isinf_of_a_replaced_math_is_the_replacement(monkeypatch):
-    monkeypatch.setattr(db, "math", types.SimpleNamespace(isinf=lambda value: value == 2.0, inf=math.inf))
-    held = db._Held()
-    held.take(2.0)
-    held.take(3.0)
-    assert (held.holders, held.unbounded, held.amount) == (2, 1, 3.0)
-    monkeypatch.undo()
-    with pytest.raises(OverflowError):  # what the real math.isinf raises for it
-        held.take(10**400)
 
 
 def test_fields_behind_a_property_go_through_it():
@@ -128,9 +88,6 @@ def test_making_a_share_runs_what_the_class_has(monkeypatch):
             return super().__new__(cls)
 
     assert type(Counted(print)) is Counted and made == [(print,)]
-    assert db.Share(give_back=print)._give_back is print
-    with pytest.raises(TypeError, match="takes from 1 to 2 positional arguments but 3 were given"):
-        db.Share(print, print)
     monkeypatch.setattr(db.Share, "__init__", lambda self, give_back: made.append(give_back) or 1)
     with pytest.raises(TypeError, match="should return None, not 'int'"):
         db.Share("replaced")

@@ -39,24 +39,17 @@ class Faults:
         return faulty
 
 
+def faulty_field(name):
+    return property(lambda self: self._faults.tick(name) or getattr(self, "_" + name))
+
+
 class FaultyReply:
+    """A reply each of whose fields the faults may refuse to give."""
+
+    cached, input_tokens, cost = faulty_field("cached"), faulty_field("input_tokens"), faulty_field("cost")
+
     def __init__(self, faults, cost, input_tokens, cached=False):
-        self._faults, self._cost, self._tokens, self._cached = faults, cost, input_tokens, cached
-
-    @property
-    def cached(self):
-        self._faults.tick("cached")
-        return self._cached
-
-    @property
-    def input_tokens(self):
-        self._faults.tick("input_tokens")
-        return self._tokens
-
-    @property
-    def cost(self):
-        self._faults.tick("cost")
-        return self._cost
+        self._faults, self._cost, self._input_tokens, self._cached = faults, cost, input_tokens, cached
 
 
 @pytest.fixture(autouse=True)
@@ -88,12 +81,13 @@ def run_budget_case(target, at):
     return faults, budget
 
 
-def budget_cases():
-    faults, _ = run_budget_case(None, 0)
+def cases(run):
+    """Each call of each callable that the fault-free run makes."""
+    faults, _ = run(None, 0)
     return [(name, k) for name, count in faults.counts.items() for k in range(1, count + 1)]
 
 
-@pytest.mark.parametrize("target, at", budget_cases())
+@pytest.mark.parametrize("target, at", cases(run_budget_case))
 def test_run_budget_survives_a_fault(target, at):
     faults, budget = run_budget_case(target, at)
     assert faults.raised is not None
@@ -141,12 +135,7 @@ def run_daily_case(target, at):
     return faults, daily
 
 
-def daily_cases():
-    faults, _ = run_daily_case(None, 0)
-    return [(name, k) for name, count in faults.counts.items() for k in range(1, count + 1)]
-
-
-@pytest.mark.parametrize("target, at", daily_cases())
+@pytest.mark.parametrize("target, at", cases(run_daily_case))
 def test_daily_spend_survives_a_fault(target, at):
     faults, daily = run_daily_case(target, at)
     assert faults.raised is not None
@@ -182,24 +171,19 @@ def interrupt_while_waiting(wait, give_back):
         rescue.join(5)
 
 
-def test_keyboard_interrupt_while_waiting_in_reserve(monkeypatch):
+@pytest.mark.parametrize("owner", ["budget", "daily"])
+def test_keyboard_interrupt_while_waiting(monkeypatch, owner):
     monkeypatch.setattr(db, "_POLL_S", 0.1)
-    budget = db.RunBudget(5, 100)
-    share = budget.hold(100.0)
-    interrupt_while_waiting(lambda: budget.reserve(1.0), lambda: share.settle(None))
-    assert lock_is_free(budget._changed) and budget.in_flight == 1
+    if owner == "budget":
+        bound = db.RunBudget(5, 100)
+        share, held = bound.hold(100.0), lambda: bound._held_tokens
+        wait = lambda: bound.reserve(1.0)  # noqa: E731
+    else:
+        bound = db.DailySpend(1.0, lambda: "2026-11-23", None)
+        share = bound.admit(lambda: math.inf, deadline=None, clock=lambda: 0.0, stopping=db.never)
+        held = lambda: bound._held  # noqa: E731
+        wait = lambda: bound.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never)  # noqa: E731
+    interrupt_while_waiting(wait, lambda: share.settle(None))
+    assert lock_is_free(bound._changed) and held().holders == 1
     share.settle(None)
-    assert budget.in_flight == 0 and budget._held_tokens == db._Held()
-
-
-def test_keyboard_interrupt_while_waiting_in_admit(monkeypatch):
-    monkeypatch.setattr(db, "_POLL_S", 0.1)
-    daily = db.DailySpend(1.0, lambda: "2026-11-23", None)
-    share = daily.admit(lambda: math.inf, deadline=None, clock=lambda: 0.0, stopping=db.never)
-    interrupt_while_waiting(
-        lambda: daily.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never),
-        lambda: share.settle(None),
-    )
-    assert lock_is_free(daily._changed) and daily._held == db._Held(1, 0.0, 1)
-    share.settle(None)
-    assert daily._held == db._Held()
+    assert held() == db._Held()

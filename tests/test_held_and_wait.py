@@ -76,22 +76,6 @@ def test_timeout_is_the_poll_interval_capped_by_the_deadline(changed, monkeypatc
     assert shortest <= time.monotonic() - start < longest
 
 
-def test_a_notify_all_from_another_thread_ends_the_wait_at_once(changed, monkeypatch):
-    monkeypatch.setattr(db, "_POLL_S", 30.0)
-
-    def wake():
-        with changed:  # taken only once the waiter waits
-            changed.notify_all()
-
-    waker = threading.Thread(target=wake)
-    start = time.monotonic()
-    waker.start()
-    assert db._wait(changed, db.never) is None
-    assert time.monotonic() - start < 5.0
-    waker.join(5.0)
-    assert not waker.is_alive()
-
-
 def test_waiting_without_holding_the_condition_raises_its_runtime_error():
     with pytest.raises(RuntimeError, match="un-acquired lock"):
         db._wait(threading.Condition(), db.never)

@@ -3,9 +3,7 @@
 import gc
 import importlib
 import math
-import subprocess
 import sys
-import textwrap
 import threading
 import time
 import tracemalloc
@@ -15,7 +13,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import Reply
+from support import Reply, run_python
 
 
 KEPT = [
@@ -49,11 +47,8 @@ def growth(operation, rounds=4, per_round=2000):
 # Each operation uses new objects, so that a reference kept by mistake keeps memory alive.
 
 
-def share_settled():
+def shares():
     db.Share([].append).settle(object())
-
-
-def share_left_in_a_block():
     with db.Share([].append):
         pass
 
@@ -68,33 +63,19 @@ def held_round():
     held.give_back(share)
 
 
-def binding_error():
-    try:
-        db._wait(1, 2, 3, clock=4)
-    except TypeError:
-        pass
-
-
-def stopped_wait():
+def waits_refused():
     changed = threading.Condition()
     with changed:
-        try:
-            db._wait(changed, lambda: True)
-        except db.DecisionStopped:
-            pass
-
-
-def timed_out_wait():
-    changed = threading.Condition()
-    with changed:
-        try:
-            db._wait(changed, db.never, deadline=1.0, clock=lambda: 2.0)
-        except db.DecisionTimeout:
-            pass
+        for args, kwargs in [((changed, lambda: True), {}),  # stopped, timed out, a binding error
+                             ((changed, db.never), dict(deadline=1.0, clock=lambda: 2.0)), ((1, 2, 3), dict(clock=4))]:
+            try:
+                db._wait(*args, **kwargs)
+            except (db.DecisionStopped, db.DecisionTimeout, TypeError):
+                pass
 
 
 def budget_round():
-    budget = db.RunBudget(3, 1000)
+    budget = db.RunBudget(2, 1000)
     with budget.hold(float(len(gc.garbage) + 10)) as share:
         share.settle(Reply(0.25, 80))
     with budget.hold(5.0):
@@ -104,17 +85,11 @@ def budget_round():
     budget.charge(Reply(cached=True))
     budget.exhausted()
     budget.summary()
-    try:
-        budget.reserve(1.0)
-    except db.DecisionBudgetExceeded:
-        pass
-
-
-def stopped_budget():
-    try:
-        db.RunBudget(3, 1000, should_stop=lambda: True).hold(1.0)
-    except db.DecisionStopped:
-        pass
+    for refused in (budget, db.RunBudget(3, 1000, should_stop=lambda: True)):
+        try:
+            refused.reserve(1.0)
+        except (db.DecisionBudgetExceeded, db.DecisionStopped):
+            pass
 
 
 def daily_round():
@@ -127,15 +102,11 @@ def daily_round():
     with daily.admit(lambda: bound, deadline=1.0, clock=lambda: 0.0, stopping=db.never):
         pass
     daily.charge(Reply(0.5))
-    daily.spent()
     try:
         daily.admit(lambda: bound, deadline=None, clock=time.monotonic, stopping=db.never)
     except db.DecisionBudgetExceeded:
         pass
-
-
-def unreadable_ledger():
-    db.DailySpend(1.0, lambda: "2026-11-23", lambda day: None).spent()
+    db.DailySpend(1.0, lambda: "2026-11-23", lambda day: None).spent()  # an unreadable ledger
 
 
 def rates_round():
@@ -148,10 +119,7 @@ def rates_round():
     rates.tokens(2000)
 
 
-OPERATIONS = [
-    share_settled, share_left_in_a_block, held_round, binding_error, stopped_wait, timed_out_wait, budget_round,
-    stopped_budget, daily_round, unreadable_ledger, rates_round,
-]
+OPERATIONS = [shares, held_round, waits_refused, budget_round, daily_round, rates_round]
 
 
 @pytest.fixture
@@ -217,8 +185,7 @@ def test_a_reimport_gives_an_independent_module_and_the_old_one_keeps_working(mo
 
 
 def test_imports_and_works_in_an_interpreter_with_its_own_gil():
-    code = textwrap.dedent(
-        """
+    assert run_python("""
         import _xxsubinterpreters as interpreters
         import engines.decision_bounds
         interpreter = interpreters.create(isolated=True)
@@ -239,7 +206,4 @@ def test_imports_and_works_in_an_interpreter_with_its_own_gil():
         ''')
         interpreters.destroy(interpreter)
         print("ok")
-        """
-    )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.stdout.strip() == "ok", out.stderr
+        """) == "ok"

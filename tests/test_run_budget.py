@@ -1,45 +1,21 @@
 import dataclasses
-import gc
 import inspect
 import math
 import threading
 import time
-import weakref
 
 import pytest
 
 from engines import decision_bounds as db
 
-from support import lock_is_free
+from support import Reply, lock_is_free
 
 DOC = """Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and
     the tokens it may use from :meth:`hold` until its share settles (:meth:`charge` or
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
     starts."""
-RESERVE_DOC = """Take a call slot and ``tokens`` before a network call, waiting while the calls in flight
-        hold the rest of the tokens.
-
-        Args:
-            tokens: The most input tokens the call may use; ``math.inf`` when that is not known.
-
-        Raises:
-            DecisionBudgetExceeded: No call or no token is left.
-            DecisionStopped: The pass is stopping, before or while the call waits.
-        """
-METHODS = {
-    "stopping": ("(self) -> 'bool'", "Whether the pass has been asked to stop."),
-    "exhausted": ("(self) -> 'bool'", None),
-    "_exhausted_locked": ("(self) -> 'bool'", None),
-    "reserve": ("(self, tokens: 'float' = 0.0) -> 'None'", RESERVE_DOC),
-    "hold": ("(self, tokens: 'float') -> 'Share'", ":meth:`reserve` a call slot and ``tokens``, as a share that "
-             "settles by :meth:`charge`\n        with the paid reply, or by :meth:`release` without one."),
-    "release": ("(self, tokens: 'float' = 0.0) -> 'None'", "Give a reserved slot and its ``tokens`` back after a "
-                "failed call."),
-    "charge": ("(self, result: 'PaidReply', tokens: 'float' = 0.0) -> 'None'", "Record a completed call (settling "
-               "its reserved slot and ``tokens``) or a cache hit."),
-    "summary": ("(self) -> 'dict[str, Any]'", None),
-    "_summary_locked": ("(self) -> 'dict[str, Any]'", None),
-}
+METHODS = ["stopping", "exhausted", "_exhausted_locked", "reserve", "hold", "release", "charge", "summary",
+           "_summary_locked"]
 FIELDS = {"max_calls": "int", "max_tokens": "int", "calls": "int", "input_tokens": "int", "cost": "float",
           "cache_hits": "int", "in_flight": "int", "should_stop": "Callable[[], bool]", "_held_tokens": "_Held",
           "_changed": "threading.Condition"}
@@ -48,7 +24,6 @@ FIELDS = {"max_calls": "int", "max_tokens": "int", "calls": "int", "input_tokens
 def test_dataclass_surface():
     cls, budget = db.RunBudget, db.RunBudget(3, 1000)
     assert cls.__doc__ == DOC and cls.__annotations__ == FIELDS and list(cls.__annotations__) == list(FIELDS)
-    assert cls.__match_args__ == tuple(FIELDS) and cls.__hash__ is None and dataclasses.is_dataclass(cls)
     assert [(f.name, f.repr, f.compare) for f in dataclasses.fields(cls)] == [(n, i < 7, i < 7) for i, n in
                                                                              enumerate(FIELDS)]
     assert {k: vars(cls)[k] for k in list(FIELDS)[2:8]} == dict(calls=0, input_tokens=0, cost=0.0, cache_hits=0,
@@ -59,36 +34,16 @@ def test_dataclass_surface():
     assert budget._held_tokens == db._Held() and budget._held_tokens is not db.RunBudget(3, 1000)._held_tokens
     assert type(budget._changed) is threading.Condition and budget.should_stop is db.never
     assert budget == db.RunBudget(3, 1000, should_stop=lambda: True) != db.RunBudget(3, 1000, in_flight=1)
-    assert budget.__eq__(object()) is NotImplemented
-    with pytest.raises(TypeError, match="unhashable"):
-        hash(budget)
-    with pytest.raises(TypeError, match="missing 2 required positional arguments: 'max_calls' and 'max_tokens'"):
-        db.RunBudget()
-    assert [n for n in vars(cls) if n in METHODS] == list(METHODS)
+    assert [n for n in vars(cls) if n in METHODS] == METHODS  # in the order they are defined
 
 
-@pytest.mark.parametrize("method", METHODS)
-def test_methods_look_like_python_methods(method):
-    function = vars(db.RunBudget)[method]
-    assert (str(inspect.signature(function)), function.__doc__) == METHODS[method]
-    assert (function.__name__, function.__qualname__) == (method, f"RunBudget.{method}")
-
-
-def test_each_hold_makes_a_new_give_back_that_keeps_the_budget_alive():
+def test_each_hold_makes_a_new_give_back():
     budget = db.RunBudget(5, 1000)
     first, second = budget.hold(1.0), budget.hold(2.0)
     give_back = first._give_back
     assert give_back is not second._give_back and give_back.__doc__ is None
     assert (give_back.__name__, give_back.__qualname__) == ("give_back", "RunBudget.hold.<locals>.give_back")
     assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
-    alive = weakref.ref(budget)
-    budget.cycle = [first, second]  # the shares reach the budget and the budget the shares
-    del budget, give_back
-    gc.collect()
-    assert alive() is not None and alive().in_flight == 2
-    del first, second
-    gc.collect()
-    assert alive() is None
 
 
 @pytest.mark.parametrize("fields, exhausted", [
@@ -121,15 +76,13 @@ def test_exhaustion_message_and_precedence_of_the_stop():
 
 
 class Stop:
-    """A stop predicate that says when it is asked under the lock (second call on), and can raise."""
+    """A stop predicate that says when it is asked under the lock (second call on)."""
 
-    def __init__(self, raise_at=None):
-        self.now, self.asked, self.raise_at, self.waiting = False, 0, raise_at, threading.Event()
+    def __init__(self):
+        self.now, self.asked, self.waiting = False, 0, threading.Event()
 
     def __call__(self):
         self.asked += 1
-        if self.asked == self.raise_at:
-            raise KeyError("stop")
         if self.asked >= 2:
             self.waiting.set()
         return self.now
@@ -153,70 +106,32 @@ def waiter(budget, stop, tokens=1.0):
     return thread, outcome
 
 
-def settle(budget, how, reply):
+def settle(budget, how):
     if how == "release":
         budget.release(600.0)
     elif how == "stop_and_exhaust":  # both seen at one wake-up: exhaustion is tested first
         with budget._changed:
             budget.should_stop.now = True
-            budget.charge(reply(input_tokens=1000), 600.0)
+            budget.charge(Reply(input_tokens=1000), 600.0)
     else:
-        budget.charge(reply(input_tokens=how), 600.0)
+        budget.charge(Reply(input_tokens=how), 600.0)
 
 
 @pytest.mark.parametrize("how, admitted", [("release", True), (100, True), (1000, False), ("stop_and_exhaust",
                                                                                               False)])
-def test_a_give_back_on_another_thread_wakes_the_waiter_at_once(monkeypatch, reply, how, admitted):
+def test_a_give_back_on_another_thread_wakes_the_waiter_at_once(monkeypatch, how, admitted):
     monkeypatch.setattr(db, "_POLL_S", 30.0)
     budget = db.RunBudget(5, 1000)
     budget.reserve(600.0)
     budget.reserve(400.0)
     budget.should_stop = stop = Stop()
     thread, outcome = waiter(budget, stop)
-    budget.charge(reply(cached=True))  # frees nothing, wakes nobody
+    budget.charge(Reply(cached=True))  # frees nothing, wakes nobody
     time.sleep(0.05)
     assert stop.asked == 2 and thread.is_alive() and budget.cache_hits == 1
     start = time.monotonic()
-    settle(budget, how, reply)
+    settle(budget, how)
     thread.join(5.0)
     assert not thread.is_alive() and outcome[1] - start < 2.0
     assert outcome[0] is None if admitted else type(outcome[0]) is db.DecisionBudgetExceeded
     assert budget.in_flight == 1 + admitted
-
-
-@pytest.mark.parametrize("raise_at", [None, 1, 2])
-def test_stops_and_stop_errors_end_the_wait_with_the_lock_free(monkeypatch, raise_at):
-    monkeypatch.setattr(db, "_POLL_S", 0.05)
-    budget = db.RunBudget(5, 1000)
-    budget.reserve(1000.0)
-    budget.should_stop = stop = Stop(raise_at)
-    if raise_at:
-        with pytest.raises(KeyError, match="stop"):
-            budget.reserve(1.0)
-    else:
-        thread, outcome = waiter(budget, stop)
-        stop.now, start = True, time.monotonic()  # no notification: seen at the next poll
-        thread.join(5.0)
-        assert type(outcome[0]) is db.DecisionStopped and outcome[1] - start < 2.0
-    assert budget.in_flight == 1 and lock_is_free(budget._changed)
-
-
-class Unreadable:
-    cached, input_tokens = False, 7
-
-    @property
-    def cost(self):
-        raise ZeroDivisionError
-
-
-@pytest.mark.parametrize("act, error, counted", [
-    (lambda b: b.reserve("many"), TypeError, (1, 0, 0)), (lambda b: b.hold(None), TypeError, (1, 0, 0)),
-    (lambda b: b.charge(Unreadable(), 5.0), ZeroDivisionError, (0, 1, 7)),  # counted up to the cost, in order
-])
-def test_errors_pass_through_with_the_lock_free(act, error, counted):
-    budget = db.RunBudget(5, 1000)
-    budget.reserve(5.0)
-    with pytest.raises(error):
-        act(budget)
-    assert (budget.in_flight, budget.calls, budget.input_tokens) == counted and budget.cost == 0.0
-    assert lock_is_free(budget._changed)

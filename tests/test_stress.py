@@ -1,5 +1,6 @@
 """Many threads on one bound, and single-threaded sequences against a model of the bookkeeping."""
 
+import collections
 import math
 import random
 import threading
@@ -31,8 +32,15 @@ def recording_held(owner_used, limit):
     return Recording(), broken
 
 
-def idle(held):
-    return (held.holders, held.amount, held.unbounded) == (0, 0.0, 0)
+def admits(held, share, used, limit):
+    """The admission rule, over the list of the shares held."""
+    if any(math.isinf(h) for h in held) or (math.isinf(share) and held):
+        return False
+    return used + sum(h for h in held if not math.isinf(h)) < limit
+
+
+def assert_holds(record, held, amount):
+    assert (record.holders, record.unbounded, record.amount) == (len(held), sum(map(math.isinf, held)), amount)
 
 
 def run_threads(work, count=THREADS, timeout=30.0):
@@ -65,44 +73,33 @@ def test_run_budget_under_many_threads():
     budget._held_tokens, broken = recording_held(lambda: budget.input_tokens, budget.max_tokens)
     stop = threading.Event()
     budget.should_stop = stop.is_set
-    done = {"paid": 0, "tokens": 0, "cached": 0, "released": 0, "stopped": 0, "refused": 0}
+    done = collections.Counter()  # what the threads did, counted under `tally`
     tally = threading.Lock()
-
-    def count(key, amount=1):
-        with tally:
-            done[key] += amount
 
     def work(index):
         rng = random.Random(index)
         for step in range(150):
             if index == 0 and step == 120:
                 stop.set()
-            choice = rng.random()
+            choice, used = rng.random(), rng.randint(0, 40)
             try:
                 if choice < 0.1:
                     budget.charge(Reply(0.0, 0, cached=True))
-                    count("cached")
-                    continue
-                tokens = math.inf if choice < 0.15 else rng.choice([10, 25.5, 60])
-                with budget.hold(tokens) as share:
-                    if choice < 0.7:
-                        used = rng.randint(0, 40)
-                        share.settle(Reply(0.001, used))
-                        count("paid")
-                        count("tokens", used)
-                    else:
-                        count("released")
-            except db.DecisionStopped:
-                count("stopped")
-            except db.DecisionBudgetExceeded:
-                count("refused")
+                    counted = {"cached": 1}
+                else:
+                    with budget.hold(math.inf if choice < 0.15 else rng.choice([10, 25.5, 60])) as share:
+                        share.settle(Reply(0.001, used) if choice < 0.7 else None)
+                    counted = {"paid": 1, "tokens": used} if choice < 0.7 else {}
+            except (db.DecisionStopped, db.DecisionBudgetExceeded) as error:
+                counted = {type(error).__name__: 1}
+            with tally:
+                done.update(counted)
 
     run_threads(work)
-    assert not broken
-    assert budget.in_flight == 0 and idle(budget._held_tokens)
+    assert not broken and budget.in_flight == 0
+    assert_holds(budget._held_tokens, [], 0.0)
     assert (budget.calls, budget.input_tokens, budget.cache_hits) == (done["paid"], done["tokens"], done["cached"])
-    assert budget.cost == pytest.approx(0.001 * done["paid"])
-    assert done["stopped"] > 0
+    assert budget.cost == pytest.approx(0.001 * done["paid"]) and done["DecisionStopped"] > 0
 
 
 def test_daily_spend_under_many_threads_with_a_day_change():
@@ -134,7 +131,7 @@ def test_daily_spend_under_many_threads_with_a_day_change():
 
     run_threads(work)
     assert not broken
-    assert idle(daily._held)
+    assert_holds(daily._held, [], 0.0)
     # The day's settled spend passes the cap by at most one call, plus what each call that cost
     # more than every earlier one cost above the most before it.
     allowance, most = max(learnt), 0.0
@@ -151,33 +148,22 @@ class BudgetModel(RuleBasedStateMachine):
 
     def __init__(self):
         super().__init__()
-        self.stop_after = math.inf
-        self.stop_calls = 0
+        self.stop_after, self.stop_calls = math.inf, 0
         self.budget = db.RunBudget(5, 300, should_stop=self.should_stop)
-        self.shares = []  # (share, tokens)
-        self.calls = self.in_flight = self.tokens_used = self.cache_hits = 0
-        self.held = []
+        self.shares, self.held = [], []  # (share, tokens); the tokens held
+        self.calls = self.tokens_used = self.cache_hits = 0
 
     def should_stop(self):
         self.stop_calls += 1
         return self.stop_calls > self.stop_after
 
-    def admits(self, tokens):
-        if any(math.isinf(t) for t in self.held):
-            return False
-        if math.isinf(tokens) and self.held:
-            return False
-        return self.tokens_used + sum(self.held) < 300
-
     @rule(tokens=st.one_of(st.sampled_from([0.0, 40.0, 120.5, 300.0]), st.just(math.inf)))
     def hold(self, tokens):
-        exhausted = self.calls + self.in_flight >= 5 or self.tokens_used >= 300
-        if exhausted:
+        if self.calls + len(self.held) >= 5 or self.tokens_used >= 300:
             with pytest.raises(db.DecisionBudgetExceeded, match="^decision budget exhausted: "):
                 self.budget.hold(tokens)
-        elif self.admits(tokens):
+        elif admits(self.held, tokens, self.tokens_used, 300):
             self.shares.append((self.budget.hold(tokens), tokens))
-            self.in_flight += 1
             self.held.append(tokens)
         else:
             self.stop_calls, self.stop_after = 0, 2  # the lockless test, then the first wait's
@@ -190,13 +176,9 @@ class BudgetModel(RuleBasedStateMachine):
     def end(self, data, used, paid):
         share, tokens = self.shares.pop(data.draw(st.integers(0, len(self.shares) - 1)))
         self.held.remove(tokens)
-        self.in_flight -= 1
-        if paid:
-            share.settle(Reply(0.5, used))
-            self.calls += 1
-            self.tokens_used += used
-        else:
-            share.settle(None)
+        share.settle(Reply(0.5, used) if paid else None)
+        self.calls += paid
+        self.tokens_used += used * paid
 
     @rule()
     def cache_hit(self):
@@ -207,11 +189,8 @@ class BudgetModel(RuleBasedStateMachine):
     def agrees(self):
         b = self.budget
         assert (b.calls, b.in_flight, b.input_tokens, b.cache_hits) == (
-            self.calls, self.in_flight, self.tokens_used, self.cache_hits)
-        finite = [t for t in self.held if not math.isinf(t)]
-        assert b._held_tokens.holders == len(self.held)
-        assert b._held_tokens.unbounded == len(self.held) - len(finite)
-        assert b._held_tokens.amount == pytest.approx(sum(finite))
+            self.calls, len(self.held), self.tokens_used, self.cache_hits)
+        assert_holds(b._held_tokens, self.held, pytest.approx(sum(t for t in self.held if not math.isinf(t))))
         assert b.cost == pytest.approx(0.5 * self.calls)
 
 
@@ -225,18 +204,13 @@ class DailyModel(RuleBasedStateMachine):
         self.spent, self.held, self.shares = 0.0, [], []
         self.amount = 0.0  # the finite shares held, summed in the order the account sums them
 
-    def admits(self, bound):
-        if any(math.isinf(h) for h in self.held) or (math.isinf(bound) and self.held):
-            return False
-        return self.spent + self.amount < 1.0
-
     @rule(bound=st.one_of(st.sampled_from([0.0, 0.2, 0.45, 2.0]), st.just(math.inf)))
     def admit(self, bound):
         args = dict(deadline=0.0, clock=lambda: 0.0, stopping=db.never)
         if self.spent >= 1.0:
             with pytest.raises(db.DecisionBudgetExceeded):
                 self.daily.admit(lambda: bound, **args)
-        elif self.admits(bound):
+        elif admits(self.held, bound, self.spent, 1.0):
             self.shares.append((self.daily.admit(lambda: bound, **args), bound))
             self.held.append(bound)
             self.amount += 0.0 if math.isinf(bound) else bound
@@ -254,7 +228,7 @@ class DailyModel(RuleBasedStateMachine):
         if not self.held:
             self.amount = 0.0
         share.settle(Reply(cost) if paid else None)
-        self.spent += cost if paid else 0.0
+        self.spent += cost * paid
 
     @rule(cost=st.sampled_from([0.05, 0.5]))
     def charge(self, cost):
@@ -270,10 +244,7 @@ class DailyModel(RuleBasedStateMachine):
     @invariant()
     def agrees(self):
         assert self.daily.spent() == pytest.approx(self.spent)
-        held = self.daily._held
-        finite = [h for h in self.held if not math.isinf(h)]
-        assert (held.holders, held.unbounded) == (len(self.held), len(self.held) - len(finite))
-        assert held.amount == self.amount
+        assert_holds(self.daily._held, self.held, self.amount)
 
 
 test_run_budget_follows_its_model = settings(max_examples=60, deadline=None)(BudgetModel).TestCase

@@ -1,8 +1,0 @@
-import pytest
-
-from support import Reply
-
-
-@pytest.fixture
-def reply():
-    return Reply
