@@ -142,7 +142,7 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
 
 // admit, charge, _give_back
 
-Ref formatted(PyObject* value, const char* spec) { return own(PyObject_Format(value, text(spec).get())); }
+Ref formatted(PyObject* value, const char* format) { return own(PyObject_Format(value, text(format).get())); }
 
 Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
@@ -243,7 +243,7 @@ constexpr Param charge_params[] = {{"self", nullptr}, {"reply", "PaidReply"}};
 constexpr Param give_back_params[] = {{"self", nullptr}, {"held", "float"}, {"reply", "PaidReply | None"}};
 constexpr Param spent_since_params[] = {{"self", nullptr}, {"day", "str"}};
 
-constexpr FunctionSpec daily_methods[] = {
+constexpr FunctionDef daily_methods[] = {
     {"__init__", "DailySpend.__init__", R"doc(Create the day's account.
 
         Args:
@@ -289,7 +289,7 @@ constexpr FunctionSpec daily_methods[] = {
 
 void add_daily_spend(PyObject* module) {
     ClassBuilder daily(module, "DailySpend", daily_doc);
-    for (const FunctionSpec& method : daily_methods) {
+    for (const FunctionDef& method : daily_methods) {
         daily.add(method);
     }
     bind(module, "DailySpend", daily.build());

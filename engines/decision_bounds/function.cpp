@@ -13,16 +13,16 @@ constexpr int co_varargs = 0x4;
 
 FunctionObject* as_function(PyObject* self) { return reinterpret_cast<FunctionObject*>(self); }
 
-// How a spec's parameters divide into the kinds that the interpreter counts.
+// How a definition's parameters divide into the kinds that the interpreter counts.
 struct Shape {
-    Py_ssize_t positional = 0;    // positional-or-keyword parameters, first in the spec
+    Py_ssize_t positional = 0;    // positional-or-keyword parameters, first in the definition
     Py_ssize_t keyword_only = 0;  // after them
     bool var_positional = false;  // a `*name` parameter, last
 };
 
-Shape shape_of(const FunctionSpec& spec) {
+Shape shape_of(const FunctionDef& def) {
     Shape shape;
-    for (const Param& p : spec.params) {
+    for (const Param& p : def.params) {
         switch (p.kind) {
             case ParamKind::positional_or_keyword: ++shape.positional; break;
             case ParamKind::keyword_only: ++shape.keyword_only; break;
@@ -33,17 +33,17 @@ Shape shape_of(const FunctionSpec& spec) {
 }
 
 // The named parameters in the order of the bound slots: positional ones, then keyword-only ones.
-const Param& named_param(const FunctionSpec& spec, const Shape& shape, Py_ssize_t slot) {
+const Param& named_param(const FunctionDef& def, const Shape& shape, Py_ssize_t slot) {
     Py_ssize_t seen = 0;
     bool keyword_only = slot >= shape.positional;
-    for (const Param& p : spec.params) {
+    for (const Param& p : def.params) {
         bool wanted = keyword_only ? p.kind == ParamKind::keyword_only
                                    : p.kind == ParamKind::positional_or_keyword;
         if (wanted && seen++ == (keyword_only ? slot - shape.positional : slot)) {
             return p;
         }
     }
-    return spec.params.front();  // not reached for a slot below the count
+    return def.params.front();  // not reached for a slot below the count
 }
 
 PyObject* qualname_of(FunctionObject* fn);
@@ -51,12 +51,12 @@ PyObject* qualname_of(FunctionObject* fn);
 // The `TypeError`s of argument binding, worded as the interpreter words them for a function.
 void raise_missing(FunctionObject* fn, const char* kind, PyObject* const* slots, Py_ssize_t from,
                    Py_ssize_t to, PyObject* kwdefaults_hit[]) {
-    const FunctionSpec& spec = *fn->spec;
-    Shape shape = shape_of(spec);
+    const FunctionDef& def = *fn->def;
+    Shape shape = shape_of(def);
     Ref names = own(PyList_New(0));
     for (Py_ssize_t i = from; i < to; ++i) {
         if (slots[i] == nullptr && (kwdefaults_hit == nullptr || kwdefaults_hit[i] == nullptr)) {
-            Ref text = own(PyUnicode_FromString(named_param(spec, shape, i).name));
+            Ref text = own(PyUnicode_FromString(named_param(def, shape, i).name));
             check(PyList_Append(names.get(), own(PyObject_Repr(text.get())).get()));
         }
     }
@@ -122,9 +122,9 @@ struct Named {
     const Param* params[max_params];
     Py_ssize_t count = 0;
 
-    Named(const FunctionSpec& spec) {
+    Named(const FunctionDef& def) {
         for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
-            for (const Param& p : spec.params) {
+            for (const Param& p : def.params) {
                 if (p.kind == kind) {
                     params[count++] = &p;
                 }
@@ -183,9 +183,9 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
 // call code that replaces the function's defaults.
 void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                     PyObject** slots, Ref* owned) {
-    const FunctionSpec& spec = *fn->spec;
-    Shape shape = shape_of(spec);
-    Named order(spec);
+    const FunctionDef& def = *fn->def;
+    Shape shape = shape_of(def);
+    Named order(def);
     Py_ssize_t named = shape.positional + shape.keyword_only;
     Py_ssize_t taken = nargs < shape.positional ? nargs : shape.positional;
     for (Py_ssize_t i = 0; i < taken; ++i) {
@@ -253,26 +253,26 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
 
 // Whether a call gives exactly one positional argument per parameter, and nothing else: the
 // arguments are then the bound slots as they stand.
-bool binds_as_given(const FunctionSpec& spec, Py_ssize_t nargs, PyObject* kwnames) {
-    return kwnames == nullptr && static_cast<Py_ssize_t>(spec.params.size()) == nargs &&
-           (nargs == 0 || spec.params.back().kind == ParamKind::positional_or_keyword);
+bool binds_as_given(const FunctionDef& def, Py_ssize_t nargs, PyObject* kwnames) {
+    return kwnames == nullptr && static_cast<Py_ssize_t>(def.params.size()) == nargs &&
+           (nargs == 0 || def.params.back().kind == ParamKind::positional_or_keyword);
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
     FunctionObject* fn = as_function(self);
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-    if (binds_as_given(*fn->spec, nargs, kwnames)) {
-        return guarded([&] { return fn->spec->body(fn, args); });
+    if (binds_as_given(*fn->def, nargs, kwnames)) {
+        return guarded([&] { return fn->def->body(fn, args); });
     }
     return guarded([&] {
         PyObject* slots[max_params];
         Ref owned[max_params];
         bind_arguments(fn, args, nargs, kwnames, slots, owned);
-        return fn->spec->body(fn, slots);
+        return fn->def->body(fn, slots);
     });
 }
 
-// Attributes made from the spec when first read.
+// Attributes made from the definition when first read.
 
 PyObject* text_or_none(const char* text) {
     return text ? PyUnicode_FromString(text) : Py_NewRef(Py_None);
@@ -286,7 +286,7 @@ PyObject* materialize(PyObject*& slot, const char* text) {
 }
 
 PyObject* qualname_of(FunctionObject* fn) {
-    PyObject* q = materialize(fn->qualname, fn->spec->qualname);
+    PyObject* q = materialize(fn->qualname, fn->def->qualname);
     if (q == nullptr) {
         raise_current();
     }
@@ -300,13 +300,13 @@ Ref annotations_of(FunctionObject* fn) {
             Ref value = own(PyUnicode_FromString(text));
             check(PyDict_SetItemString(dict.get(), key, value.get()));
         };
-        for (const Param& p : fn->spec->params) {
+        for (const Param& p : fn->def->params) {
             if (p.annotation) {
                 put(p.name, p.annotation);
             }
         }
-        if (fn->spec->returns) {
-            put("return", fn->spec->returns);
+        if (fn->def->returns) {
+            put("return", fn->def->returns);
         }
         fn->annotations = dict.release();
     }
@@ -314,26 +314,26 @@ Ref annotations_of(FunctionObject* fn) {
 }
 
 // A code object that states the parameters, for `inspect`: an empty code object given the
-// argument counts, names and flags of the spec.
+// argument counts, names and flags of the definition.
 Ref code_of(FunctionObject* fn) {
     if (fn->code != nullptr) {
         return Ref::borrow(fn->code);
     }
-    const FunctionSpec& spec = *fn->spec;
-    Shape shape = shape_of(spec);
+    const FunctionDef& def = *fn->def;
+    Shape shape = shape_of(def);
     PyObject* file = PyDict_GetItemWithError(fn->globals, name(fn, Name::__file__));
     if (file == nullptr && PyErr_Occurred()) {
         raise_current();
     }
     Ref filename = file && PyUnicode_Check(file) ? Ref::borrow(file) : Ref::borrow(fn->module_name);
-    Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(filename.get()), spec.name, 1)));
-    Ref varnames = own(PyTuple_New(static_cast<Py_ssize_t>(spec.params.size())));
+    Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(filename.get()), def.name, 1)));
+    Ref varnames = own(PyTuple_New(static_cast<Py_ssize_t>(def.params.size())));
     Py_ssize_t index = 0;
     for (Py_ssize_t i = 0; i < shape.positional + shape.keyword_only; ++i) {
-        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(named_param(spec, shape, i).name)).release());
+        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(named_param(def, shape, i).name)).release());
     }
     if (shape.var_positional) {
-        PyTuple_SET_ITEM(varnames.get(), index, own(PyUnicode_FromString(spec.params.back().name)).release());
+        PyTuple_SET_ITEM(varnames.get(), index, own(PyUnicode_FromString(def.params.back().name)).release());
     }
     Ref kwargs = own(PyDict_New());
     auto put = [&](Name key, Ref value) { check(PyDict_SetItem(kwargs.get(), name(fn, key), value.get())); };
@@ -342,7 +342,7 @@ Ref code_of(FunctionObject* fn) {
     put(Name::co_nlocals, own(PyLong_FromSsize_t(PyTuple_GET_SIZE(varnames.get()))));
     put(Name::co_varnames, varnames);
     put(Name::co_flags, own(PyLong_FromLong(co_optimized | co_newlocals | (shape.var_positional ? co_varargs : 0))));
-    put(Name::co_qualname, own(PyUnicode_FromString(spec.qualname)));
+    put(Name::co_qualname, own(PyUnicode_FromString(def.qualname)));
     Ref replace = getattr(empty.get(), name(fn, Name::replace));
     Ref empty_args = own(PyTuple_New(0));
     Ref code = own(PyObject_Call(replace.get(), empty_args.get(), kwargs.get()));
@@ -353,15 +353,15 @@ Ref code_of(FunctionObject* fn) {
 // Getters and setters.
 
 PyObject* get_name(PyObject* self, void*) noexcept {
-    return Py_XNewRef(materialize(as_function(self)->name, as_function(self)->spec->name));
+    return Py_XNewRef(materialize(as_function(self)->name, as_function(self)->def->name));
 }
 
 PyObject* get_qualname(PyObject* self, void*) noexcept {
-    return Py_XNewRef(materialize(as_function(self)->qualname, as_function(self)->spec->qualname));
+    return Py_XNewRef(materialize(as_function(self)->qualname, as_function(self)->def->qualname));
 }
 
 PyObject* get_doc(PyObject* self, void*) noexcept {
-    return Py_XNewRef(materialize(as_function(self)->doc, as_function(self)->spec->doc));
+    return Py_XNewRef(materialize(as_function(self)->doc, as_function(self)->def->doc));
 }
 
 int set_text(PyObject*& slot, PyObject* value, const char* what) {
@@ -569,13 +569,13 @@ Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
     FunctionObject* fn = as_function(function);
     // Kept alive while it runs, whatever its body does to the class it came from.
     Ref keep = Ref::borrow(function);
-    if (binds_as_given(*fn->spec, nargs, nullptr)) {
-        return fn->spec->body(fn, args);
+    if (binds_as_given(*fn->def, nargs, nullptr)) {
+        return fn->def->body(fn, args);
     }
     return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
 }
 
-Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults, PyObject* kwdefaults) {
+Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {
     PyTypeObject* type = state_of(module).function_type;
     FunctionObject* fn = PyObject_GC_New(FunctionObject, type);
     if (fn == nullptr) {
@@ -583,7 +583,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults
     }
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(fn));
     fn->vectorcall = function_vectorcall;
-    fn->spec = &spec;
+    fn->def = &def;
     fn->module = Py_NewRef(module);
     fn->state = &state_of(module);
     fn->globals = Py_NewRef(PyModule_GetDict(module));

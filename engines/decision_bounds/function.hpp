@@ -1,6 +1,6 @@
 // The module's function type: native bodies that look like Python functions to their callers.
 //
-// Each function is described once by a constant `FunctionSpec` (name, qualified name, docstring,
+// Each function is described once by a constant `FunctionDef` (name, qualified name, docstring,
 // parameters with their annotation texts, return annotation, body). A function object made from it
 // binds its call's arguments the way the interpreter binds a Python function's, into one slot per
 // named parameter, and hands them to the body. Defaults live on the object (`__defaults__`,
@@ -25,10 +25,10 @@ struct FunctionObject;
 struct ModuleState;
 
 // A body gets the bound arguments, one borrowed reference per named parameter in the order of the
-// spec (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
+// definition (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
 using Body = Ref (*)(FunctionObject* self, PyObject* const* args);
 
-struct FunctionSpec {
+struct FunctionDef {
     const char* name;
     const char* qualname;
     const char* doc;  // null: no docstring
@@ -37,23 +37,23 @@ struct FunctionSpec {
     Body body;
 };
 
-// The most named parameters a spec may have.
+// The most named parameters a definition may have.
 inline constexpr Py_ssize_t max_params = 8;
 
 struct FunctionObject {
     PyObject_HEAD
     vectorcallfunc vectorcall;
-    const FunctionSpec* spec;
+    const FunctionDef* def;
     PyObject* module;       // the defining module: its state and namespace
     ModuleState* state;     // the module's state, which lives as long as the module
     PyObject* globals;      // the module's namespace (`__globals__`)
     PyObject* module_name;  // `__module__`
-    PyObject* name;         // `__name__`, `__qualname__`, `__doc__`: made from the spec when first read
+    PyObject* name;         // `__name__`, `__qualname__`, `__doc__`: made from the definition when first read
     PyObject* qualname;
     PyObject* doc;
     PyObject* defaults;     // a tuple or null (None)
     PyObject* kwdefaults;   // a dict or null (None)
-    PyObject* annotations;  // made from the spec when first read
+    PyObject* annotations;  // made from the definition when first read
     PyObject* code;         // made when first read: it only serves introspection
     PyObject* dict;
     PyObject* weakrefs;
@@ -62,16 +62,16 @@ struct FunctionObject {
                             // first call with keyword arguments
 };
 
-// The function type's spec, to make the type for one module.
+// The function type's PyType_Spec, to make the type for one module.
 PyType_Spec& function_type_spec();
 
 // Calls a function of this type with positional arguments only: its body at once when they are
 // exactly its parameters, else through its ordinary call.
 Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs);
 
-// Makes a function of `module` from `spec`. `defaults` is a tuple or null, `kwdefaults` a dict or
+// Makes a function of `module` from `def`. `defaults` is a tuple or null, `kwdefaults` a dict or
 // null; both are taken as they are (new references are kept).
-Ref make_function(PyObject* module, const FunctionSpec& spec, PyObject* defaults = nullptr,
+Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults = nullptr,
                   PyObject* kwdefaults = nullptr);
 
 }  // namespace decision_bounds

@@ -61,18 +61,18 @@ constexpr const char* error_docs[][3] = {
 Ref empty_body(FunctionObject*, PyObject* const*) { return none(); }
 
 constexpr Param self_only[] = {{"self", nullptr}};
-constexpr FunctionSpec reply_cached = {"cached", "PaidReply.cached", nullptr, self_only, "bool", empty_body};
-constexpr FunctionSpec reply_input_tokens = {"input_tokens", "PaidReply.input_tokens", nullptr, self_only, "int",
+constexpr FunctionDef reply_cached = {"cached", "PaidReply.cached", nullptr, self_only, "bool", empty_body};
+constexpr FunctionDef reply_input_tokens = {"input_tokens", "PaidReply.input_tokens", nullptr, self_only, "int",
                                              empty_body};
-constexpr FunctionSpec reply_cost = {"cost", "PaidReply.cost", nullptr, self_only, "float", empty_body};
+constexpr FunctionDef reply_cost = {"cost", "PaidReply.cost", nullptr, self_only, "float", empty_body};
 
 // The default callables.
 
 Ref never_body(FunctionObject*, PyObject* const*) { return boolean(false); }
-constexpr FunctionSpec never_spec = {"never", "never", "A stop that never comes.", {}, "bool", never_body};
+constexpr FunctionDef never_def = {"never", "never", "A stop that never comes.", {}, "bool", never_body};
 
 constexpr Param nothing_params[] = {{"_reply", "PaidReply | None"}};
-constexpr FunctionSpec nothing_spec = {"_nothing", "_nothing", "Give back a share of nothing.", nothing_params,
+constexpr FunctionDef nothing_def = {"_nothing", "_nothing", "Give back a share of nothing.", nothing_params,
                                        "None", empty_body};
 
 Ref import(const char* module_name) { return own(PyImport_ImportModule(module_name)); }
@@ -87,14 +87,14 @@ void add_errors_and_protocol(PyObject* module) {
     }
     Ref protocol = lookup(module, "Protocol");
     ClassBuilder paid_reply(module, "PaidReply", "What a bound reads of a reply (a ``DecisionResult``).");
-    for (const FunctionSpec* getter : {&reply_cached, &reply_input_tokens, &reply_cost}) {
+    for (const FunctionDef* getter : {&reply_cached, &reply_input_tokens, &reply_cost}) {
         Ref fget = make_function(module, *getter);
         paid_reply.add(getter->name, call(reinterpret_cast<PyObject*>(&PyProperty_Type), fget.get()));
     }
     Ref bases = own(PyTuple_Pack(1, protocol.get()));
     bind(module, "PaidReply", paid_reply.build(bases.get(), reinterpret_cast<PyObject*>(Py_TYPE(protocol.get()))));
-    bind(module, "never", make_function(module, never_spec));
-    bind(module, "_nothing", make_function(module, nothing_spec));
+    bind(module, "never", make_function(module, never_def));
+    bind(module, "_nothing", make_function(module, nothing_def));
 }
 
 void start_up(PyObject* module) {
@@ -239,8 +239,8 @@ void ClassBuilder::add(const char* key, const Ref& value) {
     check(PyDict_SetItemString(namespace_.get(), key, value.get()));
 }
 
-void ClassBuilder::add(const FunctionSpec& spec, PyObject* defaults, PyObject* kwdefaults) {
-    add(spec.name, make_function(module_, spec, defaults, kwdefaults));
+void ClassBuilder::add(const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {
+    add(def.name, make_function(module_, def, defaults, kwdefaults));
 }
 
 Ref ClassBuilder::build(PyObject* bases, PyObject* metaclass) {

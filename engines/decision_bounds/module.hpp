@@ -91,7 +91,7 @@ public:
                  std::initializer_list<Annotation> annotations = {});
 
     void add(const char* key, const Ref& value);
-    void add(const FunctionSpec& spec, PyObject* defaults = nullptr, PyObject* kwdefaults = nullptr);
+    void add(const FunctionDef& def, PyObject* defaults = nullptr, PyObject* kwdefaults = nullptr);
     // The class made by `metaclass(name, bases, namespace)`; no bases: `()`, no metaclass: `type`.
     Ref build(PyObject* bases = nullptr, PyObject* metaclass = nullptr);
 

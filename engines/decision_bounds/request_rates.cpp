@@ -38,7 +38,7 @@ Ref charges_learn(FunctionObject* fn, PyObject* const* args) {
 constexpr Param bound_params[] = {{"self", nullptr}, {"size", "int"}};
 constexpr Param learn_charge_params[] = {{"self", nullptr}, {"size", "int"}, {"charge", "float"}};
 
-constexpr FunctionSpec charges_methods[] = {
+constexpr FunctionDef charges_methods[] = {
     {"bound", "_Charges.bound",
      "The most a request of ``size`` bytes may come to: never less than the most one call\n"
      "        came to, and for a request larger than those seen, the most per byte times its size (the\n"
@@ -123,7 +123,7 @@ constexpr Param cost_params[] = {{"self", nullptr}, {"size", "int"}, {"feature",
 constexpr Param tokens_params[] = {{"self", nullptr}, {"size", "int"}};
 constexpr Param learn_params[] = {{"self", nullptr}, {"size", "int"}, {"feature", "str"}, {"reply", "PaidReply"}};
 
-constexpr FunctionSpec rates_methods[] = {
+constexpr FunctionDef rates_methods[] = {
     {"__init__", "RequestRates.__init__", nullptr, self_only, "None", rates_init},
     {"cost", "RequestRates.cost",
      "The most a request of ``size`` bytes of ``feature`` may cost, USD; ``math.inf`` while\n"
@@ -142,13 +142,13 @@ void add_request_rates(PyObject* module) {
     ClassBuilder charges(module, "_Charges", charges_doc, {{"per_byte", "float"}, {"per_call", "float"}});
     charges.add("per_byte", real(0.0));
     charges.add("per_call", real(0.0));
-    for (const FunctionSpec& method : charges_methods) {
+    for (const FunctionDef& method : charges_methods) {
         charges.add(method);
     }
     bind(module, "_Charges", as_dataclass(module, charges.build()));
 
     ClassBuilder rates(module, "RequestRates", rates_doc);
-    for (const FunctionSpec& method : rates_methods) {
+    for (const FunctionDef& method : rates_methods) {
         rates.add(method);
     }
     bind(module, "RequestRates", rates.build());

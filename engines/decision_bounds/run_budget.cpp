@@ -114,14 +114,14 @@ Ref give_back_body(FunctionObject* fn, PyObject* const* args) {
 }
 
 constexpr Param give_back_params[] = {{"reply", "PaidReply | None"}};
-constexpr FunctionSpec give_back_spec = {
+constexpr FunctionDef give_back_def = {
     "give_back", "RunBudget.hold.<locals>.give_back", nullptr, give_back_params, "None", give_back_body};
 
 Ref hold_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
     PyObject* tokens = args[1];
     call_method_of(fn, self, Name::reserve, tokens);
-    Ref give_back = make_function(fn->module, give_back_spec);
+    Ref give_back = make_function(fn->module, give_back_def);
     auto* closure = reinterpret_cast<FunctionObject*>(give_back.get());
     closure->captured[0] = Py_NewRef(self);
     closure->captured[1] = Py_NewRef(tokens);
@@ -193,7 +193,7 @@ constexpr Param charge_params[] = {{"self", nullptr}, {"result", "PaidReply"}, {
 
 // In the order of the class body; the methods with a `tokens=0.0` default are marked.
 struct Method {
-    FunctionSpec spec;
+    FunctionDef def;
     bool tokens_default;
 };
 
@@ -268,9 +268,9 @@ void add_run_budget(PyObject* module) {
     for (const Method& method : budget_methods) {
         if (method.tokens_default) {
             Ref defaults = own(Py_BuildValue("(d)", 0.0));
-            budget.add(method.spec, defaults.get());
+            budget.add(method.def, defaults.get());
         } else {
-            budget.add(method.spec);
+            budget.add(method.def);
         }
     }
     bind(module, "RunBudget", as_dataclass(module, budget.build()));

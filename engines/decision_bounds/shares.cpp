@@ -38,7 +38,7 @@ constexpr Param share_settle_params[] = {{"self", nullptr}, {"reply", "PaidReply
 constexpr Param self_only[] = {{"self", nullptr}};
 constexpr Param share_exit_params[] = {{"self", nullptr}, {"_exc", "object", ParamKind::var_positional}};
 
-constexpr FunctionSpec share_methods[] = {
+constexpr FunctionDef share_methods[] = {
     {"__init__", "Share.__init__",
      "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
      "(None: not paid).\n        ",
@@ -66,7 +66,7 @@ PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObje
         ModuleState& state = state_of(module);
         init = _PyType_Lookup(type, state.names[static_cast<int>(Name::__init__)]);
         if (init != nullptr && (Py_TYPE(init) != state.function_type ||
-                                reinterpret_cast<FunctionObject*>(init)->spec != &share_methods[0])) {
+                                reinterpret_cast<FunctionObject*>(init)->def != &share_methods[0])) {
             init = nullptr;
         }
     }
@@ -182,7 +182,7 @@ Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
 constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
 constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
 
-constexpr FunctionSpec held_methods[] = {
+constexpr FunctionDef held_methods[] = {
     {"admits", "_Held.admits",
      "Whether a call that would hold ``share`` may start: nothing unbounded is held, an\n        unbounded share is "
      "held by no other call, and ``used`` plus what is held is below\n        ``limit``.",
@@ -225,7 +225,7 @@ constexpr Param wait_params[] = {
     {"clock", "Callable[[], float] | None", ParamKind::keyword_only},
 };
 
-constexpr FunctionSpec wait_spec = {
+constexpr FunctionDef wait_def = {
     "_wait", "_wait",
     "Wait, holding ``changed``, until a held share is given back or a poll interval passes.\n\n    Raises:\n"
     "        DecisionStopped: The pass is stopping.\n        DecisionTimeout: ``deadline`` (on ``clock``) passed.\n"
@@ -315,7 +315,7 @@ void add_shares(PyObject* module) {
     Ref nothing = lookup(module, "_nothing");
     Ref defaults = own(PyTuple_Pack(1, nothing.get()));
     share.add(share_methods[0], defaults.get());
-    for (const FunctionSpec& method : std::span(share_methods).subspan(1)) {
+    for (const FunctionDef& method : std::span(share_methods).subspan(1)) {
         share.add(method);
     }
     Ref share_class = share.build();
@@ -328,13 +328,13 @@ void add_shares(PyObject* module) {
     held.add("holders", integer(0));
     held.add("amount", real(0.0));
     held.add("unbounded", integer(0));
-    for (const FunctionSpec& method : held_methods) {
+    for (const FunctionDef& method : held_methods) {
         held.add(method);
     }
     bind(module, "_Held", as_dataclass(module, held.build()));
 
     Ref kwdefaults = own(Py_BuildValue("{sOsO}", "deadline", Py_None, "clock", Py_None));
-    bind(module, "_wait", make_function(module, wait_spec, nullptr, kwdefaults.get()));
+    bind(module, "_wait", make_function(module, wait_def, nullptr, kwdefaults.get()));
 }
 
 }  // namespace decision_bounds
