@@ -83,7 +83,7 @@ Ref daily_init(FunctionObject* fn, PyObject* const* args) {
     set_attribute(fn, self, Name::_changed, call_method(threading.get(), name(fn, Name::Condition)).get());
     set_attribute(fn, self, Name::_held, call(global(fn, Name::_Held).get()).get());
     set_attribute(fn, self, Name::_day, text("").get());
-    set_attribute(fn, self, Name::_cost, own(PyFloat_FromDouble(0.0)).get());
+    set_attribute(fn, self, Name::_cost, real(0.0).get());
     set_attribute(fn, self, Name::_capped, Py_False);
     return none();
 }
@@ -116,7 +116,7 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
     PyObject* day = args[1];
     Ref ledger = attribute(fn, self, Name::_ledger);
     if (ledger.get() == Py_None) {
-        return own(PyFloat_FromDouble(0.0));
+        return real(0.0);
     }
     try {
         Ref figure = call(ledger.get(), day);
@@ -137,7 +137,7 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
         own(PyObject_VectorcallMethod(name(fn, Name::warning), argv, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                       keywords.get()));
     }
-    return own(PyFloat_FromDouble(0.0));
+    return real(0.0);
 }
 
 // admit, charge, _give_back

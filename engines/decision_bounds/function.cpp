@@ -56,8 +56,8 @@ void raise_missing(FunctionObject* fn, const char* kind, PyObject* const* slots,
     Ref names = own(PyList_New(0));
     for (Py_ssize_t i = from; i < to; ++i) {
         if (slots[i] == nullptr && (kwdefaults_hit == nullptr || kwdefaults_hit[i] == nullptr)) {
-            Ref text = own(PyUnicode_FromString(named_param(def, shape, i).name));
-            check(PyList_Append(names.get(), own(PyObject_Repr(text.get())).get()));
+            Ref param = text(named_param(def, shape, i).name);
+            check(PyList_Append(names.get(), own(PyObject_Repr(param.get())).get()));
         }
     }
     Py_ssize_t count = PyList_GET_SIZE(names.get());
@@ -69,7 +69,7 @@ void raise_missing(FunctionObject* fn, const char* kind, PyObject* const* slots,
                                           PyList_GET_ITEM(names.get(), 1)));
     } else {
         Ref head = own(PyList_GetSlice(names.get(), 0, count - 1));
-        Ref sep = own(PyUnicode_FromString(", "));
+        Ref sep = text(", ");
         Ref joined = own(PyUnicode_Join(sep.get(), head.get()));
         listed = own(PyUnicode_FromFormat("%U, and %U", joined.get(), PyList_GET_ITEM(names.get(), count - 1)));
     }
@@ -94,7 +94,7 @@ void raise_too_many(FunctionObject* fn, const Shape& shape, Py_ssize_t given, Py
         kwonly_sig = own(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
                                               given != 1 ? "s" : "", kwonly_given, kwonly_given != 1 ? "s" : ""));
     } else {
-        kwonly_sig = own(PyUnicode_FromString(""));
+        kwonly_sig = text("");
     }
     PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", qualname_of(fn),
                  sig.get(), plural ? "s" : "", given, kwonly_sig.get(),
@@ -296,8 +296,8 @@ PyObject* qualname_of(FunctionObject* fn) {
 Ref annotations_of(FunctionObject* fn) {
     if (fn->annotations == nullptr) {
         Ref dict = own(PyDict_New());
-        auto put = [&](const char* key, const char* text) {
-            Ref value = own(PyUnicode_FromString(text));
+        auto put = [&](const char* key, const char* annotation) {
+            Ref value = text(annotation);
             check(PyDict_SetItemString(dict.get(), key, value.get()));
         };
         for (const Param& p : fn->def->params) {
@@ -342,7 +342,7 @@ Ref code_of(FunctionObject* fn) {
     put(Name::co_nlocals, own(PyLong_FromSsize_t(PyTuple_GET_SIZE(varnames.get()))));
     put(Name::co_varnames, varnames);
     put(Name::co_flags, own(PyLong_FromLong(co_optimized | co_newlocals | (shape.var_positional ? co_varargs : 0))));
-    put(Name::co_qualname, own(PyUnicode_FromString(def.qualname)));
+    put(Name::co_qualname, text(def.qualname));
     Ref replace = getattr(empty.get(), name(fn, Name::replace));
     Ref empty_args = own(PyTuple_New(0));
     Ref code = own(PyObject_Call(replace.get(), empty_args.get(), kwargs.get()));

@@ -124,7 +124,7 @@ void start_up(PyObject* module) {
     import_from("typing", {"Any", "Protocol"});
     Ref get_logger = getattr(lookup(module, "logging").get(), text("getLogger").get());
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
-    bind(module, "_POLL_S", own(PyFloat_FromDouble(0.1)));
+    bind(module, "_POLL_S", real(0.1));
     init_fast_paths(module);
 
     add_errors_and_protocol(module);
@@ -205,7 +205,7 @@ Ref global(PyObject* globals, PyObject* key) {
         // Worded and carrying `name` as the interpreter's own NameError.
         Ref message = own(PyUnicode_FromFormat("name '%U' is not defined", key));
         Ref error = call(PyExc_NameError, message.get());
-        setattr(error.get(), own(PyUnicode_FromString("name")).get(), key);
+        setattr(error.get(), text("name").get(), key);
         PyErr_SetObject(PyExc_NameError, error.get());
     }
     raise_current();

@@ -5,7 +5,6 @@
 namespace decision_bounds {
 namespace {
 
-
 // _Charges
 
 constexpr const char* charges_doc = "The most one measure of the paid replies came to: for one call, and per request byte.";
@@ -24,8 +23,7 @@ Ref charges_learn(FunctionObject* fn, PyObject* const* args) {
     PyObject* size = args[1];
     PyObject* charge = args[2];
     // An empty request counts as one byte.
-    Ref one = own(PyLong_FromLong(1));
-    Ref bytes = maximum(size, one.get());
+    Ref bytes = maximum(size, integer(1).get());
     Ref rate = own(PyNumber_TrueDivide(charge, bytes.get()));
     Ref per_byte = get_field(fn, self, Name::per_byte);
     set_field(fn, self, Name::per_byte, maximum(per_byte.get(), rate.get()).get());

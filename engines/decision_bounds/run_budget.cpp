@@ -258,12 +258,12 @@ void add_run_budget(PyObject* module) {
                          {"_changed", "threading.Condition"}});
     budget.add("calls", integer(0));
     budget.add("input_tokens", integer(0));
-    budget.add("cost", own(PyFloat_FromDouble(0.0)));
+    budget.add("cost", real(0.0));
     budget.add("cache_hits", integer(0));
     budget.add("in_flight", integer(0));
     budget.add("should_stop", private_field(module, "default", lookup(module, "never")));
     budget.add("_held_tokens", private_field(module, "default_factory", lookup(module, "_Held")));
-    Ref condition = getattr(lookup(module, "threading").get(), own(PyUnicode_FromString("Condition")).get());
+    Ref condition = getattr(lookup(module, "threading").get(), text("Condition").get());
     budget.add("_changed", private_field(module, "default_factory", condition));
     for (const Method& method : budget_methods) {
         if (method.tokens_default) {
