@@ -90,10 +90,8 @@ Ref daily_init(FunctionObject* fn, PyObject* const* args) {
 
 Ref daily_spent(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding changed(fn, attribute(fn, self, Name::_changed).get());
-    Ref cost = call_own(fn, self, Name::_today_locked);
-    changed.leave();
-    return cost;
+    return holding(fn, attribute(fn, self, Name::_changed).get(),
+                   [&] { return call_own(fn, self, Name::_today_locked); });
 }
 
 Ref daily_today_locked(FunctionObject* fn, PyObject* const* args) {

@@ -72,33 +72,24 @@ Ref rates_init(FunctionObject* fn, PyObject* const* args) {
 
 Ref rates_cost(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding lock(fn, get_field(fn, self, Name::_lock).get());
-    Ref features = get_field(fn, self, Name::_features);
-    Ref result;
-    if (check(PySequence_Contains(features.get(), args[2]))) {
-        Ref cost = get_field(fn, self, Name::_cost);
-        result = call_method_of(fn, cost.get(), Name::bound, args[1]);
-    } else {
-        result = not_known(fn);
-    }
-    lock.leave();
-    return result;
+    return holding(fn, get_field(fn, self, Name::_lock).get(), [&] {
+        Ref features = get_field(fn, self, Name::_features);
+        if (!check(PySequence_Contains(features.get(), args[2]))) {
+            return not_known(fn);
+        }
+        return call_method_of(fn, get_field(fn, self, Name::_cost).get(), Name::bound, args[1]);
+    });
 }
 
 Ref rates_tokens(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding lock(fn, get_field(fn, self, Name::_lock).get());
-    Ref features = get_field(fn, self, Name::_features);
-    Ref result;
-    // Tokens grow with bytes whatever the feature: any paid reply makes them known.
-    if (truthy(features.get())) {
-        Ref tokens = get_field(fn, self, Name::_tokens);
-        result = call_method_of(fn, tokens.get(), Name::bound, args[1]);
-    } else {
-        result = not_known(fn);
-    }
-    lock.leave();
-    return result;
+    return holding(fn, get_field(fn, self, Name::_lock).get(), [&] {
+        // Tokens grow with bytes whatever the feature: any paid reply makes them known.
+        if (!truthy(get_field(fn, self, Name::_features).get())) {
+            return not_known(fn);
+        }
+        return call_method_of(fn, get_field(fn, self, Name::_tokens).get(), Name::bound, args[1]);
+    });
 }
 
 Ref rates_learn(FunctionObject* fn, PyObject* const* args) {

@@ -44,10 +44,8 @@ Ref stopping_body(FunctionObject* fn, PyObject* const* args) {
 
 Ref exhausted_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding changed(fn, attr(fn, self, Name::_changed).get());
-    Ref result = call_method_of(fn, self, Name::_exhausted_locked);
-    changed.leave();
-    return result;
+    return holding(fn, attr(fn, self, Name::_changed).get(),
+                   [&] { return call_method_of(fn, self, Name::_exhausted_locked); });
 }
 
 // `self.calls + self.in_flight >= self.max_calls or self.input_tokens >= self.max_tokens`, with the
@@ -167,10 +165,8 @@ Ref charge_body(FunctionObject* fn, PyObject* const* args) {
 
 Ref summary_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* self = args[0];
-    Holding changed(fn, attr(fn, self, Name::_changed).get());
-    Ref summary = call_method_of(fn, self, Name::_summary_locked);
-    changed.leave();
-    return summary;
+    return holding(fn, attr(fn, self, Name::_changed).get(),
+                   [&] { return call_method_of(fn, self, Name::_summary_locked); });
 }
 
 Ref summary_locked_body(FunctionObject* fn, PyObject* const* args) {

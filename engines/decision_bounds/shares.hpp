@@ -36,6 +36,15 @@ private:
     bool held_ = false;
 };
 
+// The result of `body()` computed inside `with condition:`.
+template <typename Body>
+Ref holding(FunctionObject* fn, PyObject* condition, Body&& body) {
+    Holding held(fn, condition);
+    Ref result = body();
+    held.leave();
+    return result;
+}
+
 // Raises the module's exception class `cls`, looked up in the namespace, with one message.
 [[noreturn]] void raise_error(FunctionObject* fn, Name cls, const Ref& message);
 [[noreturn]] inline void raise_error(FunctionObject* fn, Name cls, const char* message) {
