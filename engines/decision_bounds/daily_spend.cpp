@@ -17,23 +17,16 @@ constexpr const char* cap_reached =
     "cached answers are still used";
 
 
-Ref attribute(FunctionObject* fn, PyObject* self, Name n) { return get_field(fn, self, n); }
-void set_attribute(FunctionObject* fn, PyObject* self, Name n, PyObject* value) { set_field(fn, self, n, value); }
-
-// `self.<n>()`, as a method call, so a subclass's override is the one called.
-Ref call_own(FunctionObject* fn, PyObject* self, Name n) { return call_method_of(fn, self, n); }
+// `self.<field> += reply.<paid>`: the field is read before the reply's attribute.
+void add_from(FunctionObject* fn, Self& self, Name field, PyObject* reply, Name paid) {
+    Ref value = self.get(field);
+    Ref step = getattr(reply, name(fn, paid));
+    self.refresh();  // reading the reply may have run code of the caller's
+    self.set(field, add_in_place(value.get(), step.get()).get());
+}
 
 // `self._changed.notify_all()`, inside the block that holds it.
-void notify_all(FunctionObject* fn, PyObject* self, Holding& changed) {
-    changed.notify_all(attribute(fn, self, Name::_changed).get());
-}
-
-// `self._cost += reply.cost`
-void count(FunctionObject* fn, PyObject* self, PyObject* reply) {
-    Ref cost = attribute(fn, self, Name::_cost);
-    Ref paid = attribute(fn, reply, Name::cost);
-    set_attribute(fn, self, Name::_cost, own(PyNumber_InPlaceAdd(cost.get(), paid.get())).get());
-}
+void notify_all(Self& self, Holding& changed) { changed.notify_all(self.get(Name::_changed).get()); }
 
 // Makes `exception` the one being handled (what `sys.exc_info()` and `exc_info=True` see) for as
 // long as it lives, as an `except` clause does, then puts back what was handled before.
@@ -72,49 +65,30 @@ void finally(Body&& body, Cleanup&& cleanup) {
     cleanup();
 }
 
-// __init__, spent, _today_locked, _spent_since
+// __init__, _spent_since, _today_locked, spent
 
-Ref daily_init(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    set_attribute(fn, self, Name::_cap, args[1]);
-    set_attribute(fn, self, Name::_today, args[2]);
-    set_attribute(fn, self, Name::_ledger, args[3]);
-    Ref threading = global(fn, Name::threading);
-    set_attribute(fn, self, Name::_changed, call_method(threading.get(), name(fn, Name::Condition)).get());
-    set_attribute(fn, self, Name::_held, call(global(fn, Name::_Held).get()).get());
-    set_attribute(fn, self, Name::_day, text("").get());
-    set_attribute(fn, self, Name::_cost, real(0.0).get());
-    set_attribute(fn, self, Name::_capped, Py_False);
+Ref daily_init(Self& self, PyObject* cap, PyObject* today, PyObject* ledger) {
+    FunctionObject* fn = self.fn();
+    self.set(Name::_cap, cap);
+    self.set(Name::_today, today);
+    self.set(Name::_ledger, ledger);
+    Ref condition = call_method(global(fn, Name::threading).get(), name(fn, Name::Condition));
+    self.refresh();
+    self.set(Name::_changed, condition.get());
+    Ref held = call(global(fn, Name::_Held).get());
+    self.refresh();
+    self.set(Name::_held, held.get());
+    self.set(Name::_day, state_of(fn).fast.empty_text);
+    self.set(Name::_cost, state_of(fn).fast.zero);
+    self.set(Name::_capped, Py_False);
     return none();
 }
 
-Ref daily_spent(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    return holding(fn, attribute(fn, self, Name::_changed).get(),
-                   [&] { return call_own(fn, self, Name::_today_locked); });
-}
-
-Ref daily_today_locked(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    // `self._today()`: an instance attribute, read in the instance dict, then called.
-    Ref today = call(attribute(fn, self, Name::_today).get());
-    Ref day = attribute(fn, self, Name::_day);
-    if (compare(today.get(), day.get(), Py_NE)) {
-        // The ledger is read before anything changes: if it is interrupted, the day is tried again.
-        Ref figure = call_method_of(fn, self, Name::_spent_since, today.get());
-        set_attribute(fn, self, Name::_day, today.get());
-        set_attribute(fn, self, Name::_cost, figure.get());
-        set_attribute(fn, self, Name::_capped, Py_False);
-    }
-    return attribute(fn, self, Name::_cost);
-}
-
-Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* day = args[1];
-    Ref ledger = attribute(fn, self, Name::_ledger);
+Ref daily_spent_since(Self& self, PyObject* day) {
+    FunctionObject* fn = self.fn();
+    Ref ledger = self.get(Name::_ledger);
     if (ledger.get() == Py_None) {
-        return real(0.0);
+        return Ref::borrow(state_of(fn).fast.zero);
     }
     try {
         Ref figure = call(ledger.get(), day);
@@ -135,93 +109,155 @@ Ref daily_spent_since(FunctionObject* fn, PyObject* const* args) {
         own(PyObject_VectorcallMethod(name(fn, Name::warning), argv, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                       keywords.get()));
     }
-    return real(0.0);
+    return Ref::borrow(state_of(fn).fast.zero);
+}
+
+Ref daily_today_locked(Self& self) {
+    // `self._today()`: an instance attribute, read in the instance dict, then called.
+    Ref today = call(self.get(Name::_today).get());
+    self.refresh();
+    if (holds(today.get(), self.get(Name::_day).get(), Py_NE)) {
+        // The ledger is read before anything changes: if it is interrupted, the day is tried again.
+        Ref figure = self.call(Name::_spent_since, daily_spent_since, today.get());
+        self.set(Name::_day, today.get());
+        self.set(Name::_cost, figure.get());
+        self.set(Name::_capped, Py_False);
+    }
+    return self.get(Name::_cost);
+}
+
+Ref daily_spent(Self& self) {
+    return holding(self.fn(), self.get(Name::_changed).get(), [&] {
+        self.refresh();
+        return self.call(Name::_today_locked, daily_today_locked);
+    });
 }
 
 // admit, charge, _give_back
 
 Ref formatted(PyObject* value, const char* format) { return own(PyObject_Format(value, text(format).get())); }
 
-Ref daily_admit(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* bound = args[1];
-    PyObject* deadline = args[2];
-    PyObject* clock = args[3];
-    PyObject* stopping = args[4];
-    Ref cap;
+// `Share(functools.partial(self._give_back, held))` once `self._held.take(held)` is done, for an
+// account whose `self._held.admits(held, cost, self._cap)` is true: all at once on a standard
+// account, `_Held` and exact amounts. Null, with nothing taken, when the step-by-step code must
+// decide, which then also asks `admits` (which changes nothing) again.
+Ref admitted_directly(Self& self, PyObject* held, PyObject* cost) {
+    FunctionObject* fn = self.fn();
+    if (!self.standard() || !standard_partial(fn) || self.shadows(Name::_give_back)) {
+        return Ref();
+    }
+    PyObject* account = self.field(Name::_held);
+    PyObject* cap = self.field(Name::_cap);
+    bool unbounded;
+    double amount;
+    double used;
+    double limit;
+    if (account == nullptr || cap == nullptr || !share_amount(fn, held, &unbounded, &amount) ||
+        !exact_float(cost, &used) || !exact_float(cap, &limit)) {
+        return Ref();
+    }
+    HeldNumbers numbers(fn, account);
+    if (!numbers || !numbers.admits(unbounded, used, limit)) {
+        return Ref();
+    }
+    numbers.take(unbounded, amount);
+    numbers.store();
+    // The class's own `_give_back`, bound to the account as reading `self._give_back` binds it.
+    PyObject* method = _PyType_Lookup(Py_TYPE(self.object()), name(fn, Name::_give_back));
+    Ref bound = own(PyMethod_New(method, self.object()));
+    PyObject* argv[] = {bound.get(), held};
+    Ref partial = own(PyObject_Vectorcall(state_of(fn).fast.partial_type, argv, 2, nullptr));
+    return make_share(fn, partial.get());
+}
+
+Ref daily_admit(Self& self, PyObject* bound, PyObject* deadline, PyObject* clock, PyObject* stopping) {
+    FunctionObject* fn = self.fn();
     Ref cost;
     bool first = false;
     {
-        Ref condition = attribute(fn, self, Name::_changed);
-        Holding changed(fn, condition.get());
+        Holding changed(fn, self.get(Name::_changed).get());
         for (;;) {
-            cost = call_own(fn, self, Name::_today_locked);
-            cap = attribute(fn, self, Name::_cap);
-            if (!compare(cost.get(), cap.get(), Py_LT)) {
+            // Taking the lock, waiting and the caller's callables let anything change meanwhile.
+            self.refresh();
+            cost = self.call(Name::_today_locked, daily_today_locked);
+            if (!holds(cost.get(), self.get(Name::_cap).get(), Py_LT)) {
                 break;
             }
             Ref held = call(bound);
-            // Read afresh after `bound()`, which runs the caller's code.
-            cap = attribute(fn, self, Name::_cap);
-            Ref account = attribute(fn, self, Name::_held);
-            if (truthy(call_method_of(fn, account.get(), Name::admits, held.get(), cost.get(), cap.get()).get())) {
-                call_method_of(fn, account.get(), Name::take, held.get());
+            self.refresh();
+            if (Ref share = admitted_directly(self, held.get(), cost.get())) {
+                changed.leave();
+                return share;
+            }
+            Ref account = self.get(Name::_held);
+            Ref cap = self.get(Name::_cap);
+            bool admitted = admits(fn, account.get(), held.get(), cost.get(), cap.get());
+            self.refresh();
+            if (admitted) {
+                take(fn, self.get(Name::_held).get(), held.get());
+                self.refresh();
                 // The share gives back exactly what was taken, whatever `bound()` says later.
                 Ref partial = getattr(global(fn, Name::functools).get(), name(fn, Name::partial));
-                Ref give_back = call(partial.get(), getattr(self, name(fn, Name::_give_back)).get(), held.get());
-                Ref share = call(global(fn, Name::Share).get(), give_back.get());
+                Ref method = getattr(self.object(), name(fn, Name::_give_back));
+                Ref share = make_share(fn, call(partial.get(), method.get(), held.get()).get());
                 changed.leave();
                 return share;
             }
             Ref wait = global(fn, Name::_wait);
             Ref keywords = own(PyTuple_Pack(2, name(fn, Name::deadline), name(fn, Name::clock)));
-            Ref changed_now = attribute(fn, self, Name::_changed);
-            PyObject* argv[] = {changed_now.get(), stopping, deadline, clock};
+            Ref condition = self.get(Name::_changed);
+            PyObject* argv[] = {condition.get(), stopping, deadline, clock};
             own(PyObject_Vectorcall(wait.get(), argv, 2, keywords.get()));
         }
-        first = !truthy(attribute(fn, self, Name::_capped).get());
-        set_attribute(fn, self, Name::_capped, Py_True);
+        first = !is_true(self.get(Name::_capped).get());
+        self.set(Name::_capped, Py_True);
         changed.leave();
     }
     // Logged and raised with the lock free: a handler that blocks must not stall the account.
+    self.refresh();
     if (first) {
         Ref logger = global(fn, Name::logger);
-        call_method(logger.get(), name(fn, Name::warning), text(cap_reached).get(), cost.get(), cap.get());
+        call_method(logger.get(), name(fn, Name::warning), text(cap_reached).get(), cost.get(),
+                    self.get(Name::_cap).get());
+        self.refresh();
     }
     Ref parts = own(PyTuple_Pack(5, text("the daily decision cost cap is reached: $").get(),
                                  formatted(cost.get(), ".4f").get(), text(" of $").get(),
-                                 formatted(cap.get(), ".2f").get(), text(" spent today (UTC)").get()));
+                                 formatted(self.get(Name::_cap).get(), ".2f").get(),
+                                 text(" spent today (UTC)").get()));
     raise_error(fn, Name::DecisionBudgetExceeded, own(PyUnicode_Join(text("").get(), parts.get())));
 }
 
-Ref daily_charge(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    Holding changed(fn, attribute(fn, self, Name::_changed).get());
-    call_own(fn, self, Name::_today_locked);
-    count(fn, self, args[1]);
-    notify_all(fn, self, changed);
+Ref daily_charge(Self& self, PyObject* reply) {
+    FunctionObject* fn = self.fn();
+    Holding changed(fn, self.get(Name::_changed).get());
+    self.refresh();
+    self.call(Name::_today_locked, daily_today_locked);
+    add_from(fn, self, Name::_cost, reply, Name::cost);
+    notify_all(self, changed);
     changed.leave();
     return none();
 }
 
-Ref daily_give_back(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* held = args[1];
-    PyObject* reply = args[2];
-    Holding changed(fn, attribute(fn, self, Name::_changed).get());
+Ref daily_give_back(Self& self, PyObject* held, PyObject* reply) {
+    FunctionObject* fn = self.fn();
+    Holding changed(fn, self.get(Name::_changed).get());
+    self.refresh();
     finally(
         [&] {
             if (reply != Py_None) {
                 // Counted on the day it settles: a new day starts from the ledger first.
-                call_own(fn, self, Name::_today_locked);
-                count(fn, self, reply);
+                self.call(Name::_today_locked, daily_today_locked);
+                add_from(fn, self, Name::_cost, reply, Name::cost);
             }
         },
         // Given back even when counting failed: no call holds this share any more, and an amount
         // left held would keep later admissions waiting for good.
         [&] {
-            call_method_of(fn, attribute(fn, self, Name::_held).get(), Name::give_back, held);
-            notify_all(fn, self, changed);
+            self.refresh();
+            give_back(fn, self.get(Name::_held).get(), held);
+            self.refresh();
+            notify_all(self, changed);
         });
     changed.leave();
     return none();
@@ -249,8 +285,8 @@ constexpr FunctionDef daily_methods[] = {
             today: Today's UTC date, ``YYYY-MM-DD``.
             ledger: What the paid calls since a date cost, USD; None: nothing is kept.
         )doc",
-     init_params, "None", daily_init},
-    {"spent", "DailySpend.spent", "What the paid calls of today cost so far, USD.", self_only, "float", daily_spent},
+     init_params, "None", method<Own::DailySpend, daily_init>},
+    {"spent", "DailySpend.spent", "What the paid calls of today cost so far, USD.", self_only, "float", method<Own::DailySpend, daily_spent>},
     {"admit", "DailySpend.admit", R"doc(Hold what a paid call may cost before it is made.
 
         Args:
@@ -269,18 +305,18 @@ constexpr FunctionDef daily_methods[] = {
             DecisionTimeout: The deadline passed while the calls in flight held the rest.
             DecisionStopped: The pass is stopping.
         )doc",
-     admit_params, "Share", daily_admit},
+     admit_params, "Share", method<Own::DailySpend, daily_admit>},
     {"charge", "DailySpend.charge", R"doc(Count what ``reply`` cost today without a share: an attempt of a call that settled
         with another reply, sent and never read (the endpoint may bill it).)doc",
-     charge_params, "None", daily_charge},
+     charge_params, "None", method<Own::DailySpend, daily_charge>},
     {"_give_back", "DailySpend._give_back",
      "Give back what a call held, and count what its paid ``reply`` cost today.", give_back_params, "None",
-     daily_give_back},
+     method<Own::DailySpend, daily_give_back>},
     {"_today_locked", "DailySpend._today_locked",
      R"doc(Today's spend; a new day starts from what the ledger says it has cost so far, and keeps
         the shares of the calls in flight, which it is charged when they settle.)doc",
-     self_only, "float", daily_today_locked},
-    {"_spent_since", "DailySpend._spent_since", nullptr, spent_since_params, "float", daily_spent_since},
+     self_only, "float", method<Own::DailySpend, daily_today_locked>},
+    {"_spent_since", "DailySpend._spent_since", nullptr, spent_since_params, "float", method<Own::DailySpend, daily_spent_since>},
 };
 
 }  // namespace

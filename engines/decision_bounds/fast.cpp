@@ -1,7 +1,11 @@
 #include "fast.hpp"
 
+#include <array>
 #include <cmath>
-#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <span>
+#include <vector>
 
 namespace decision_bounds {
 namespace {
@@ -21,7 +25,7 @@ PyCFunction c_function(PyTypeObject* type, const char* method, int flags) {
 
 Ref attribute(PyObject* object, const char* key) { return own(PyObject_GetAttrString(object, key)); }
 
-// The condition's own attributes, or null when they are not in a dict of its own.
+// The object's own attributes, or null when they are not in a dict of its own.
 PyObject* instance_dict(PyObject* object) {
     PyObject** dict = _PyObject_GetDictPtr(object);
     return dict != nullptr ? *dict : nullptr;
@@ -68,60 +72,266 @@ bool standard_condition(FunctionObject* fn, PyTypeObject* type) {
     return true;
 }
 
-// The object's dict, when `object.<key>` reads and writes it as a plain instance attribute: the
-// class's generic attribute access, and no data descriptor of that name on the class.
-PyObject* plain_dict(FunctionObject* fn, PyObject* object, Name key) {
-    PyTypeObject* type = Py_TYPE(object);
-    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr) {
+// A number as the arithmetic below takes it.
+struct Number {
+    enum Kind { other, integer, real } kind = other;
+    long long i = 0;
+    double d = 0.0;
+};
+
+Number number(PyObject* value) {
+    Number n;
+    if (PyFloat_CheckExact(value)) {
+        n.kind = Number::real;
+        n.d = PyFloat_AS_DOUBLE(value);
+    } else if (PyLong_CheckExact(value)) {
+        auto* as_long = reinterpret_cast<PyLongObject*>(value);
+        if (PyUnstable_Long_IsCompact(as_long)) {
+            n.kind = Number::integer;
+            n.i = PyUnstable_Long_CompactValue(as_long);
+        } else {
+            int overflow = 0;
+            n.i = PyLong_AsLongLongAndOverflow(value, &overflow);
+            n.kind = overflow == 0 ? Number::integer : Number::other;
+        }
+    }
+    return n;
+}
+
+// A number as a float, when it is one exactly: a float, or an int up to 2**53. Float arithmetic and
+// comparisons on such values give what the number types' own methods give for them.
+bool exact_float(const Number& n, double* out) {
+    constexpr long long exact = 1LL << 53;
+    if (n.kind == Number::real) {
+        *out = n.d;
+        return true;
+    }
+    if (n.kind == Number::integer && -exact <= n.i && n.i <= exact) {
+        *out = static_cast<double>(n.i);
+        return true;
+    }
+    return false;
+}
+
+// The result of comparing two machine numbers of one kind.
+template <typename T>
+bool comparison(T a, T b, int op) {
+    switch (op) {
+        case Py_LT: return a < b;
+        case Py_LE: return a <= b;
+        case Py_EQ: return a == b;
+        case Py_NE: return a != b;
+        case Py_GT: return a > b;
+        default: return a >= b;
+    }
+}
+
+// `a <op> b` in machine numbers: false when the shortcut does not apply.
+bool compare_numbers(PyObject* a, PyObject* b, int op, bool* result) {
+    Number x = number(a);
+    Number y = number(b);
+    double p;
+    double q;
+    if (x.kind == Number::integer && y.kind == Number::integer) {
+        *result = comparison(x.i, y.i, op);
+        return true;
+    }
+    if (exact_float(x, &p) && exact_float(y, &q)) {
+        *result = comparison(p, q, op);
+        return true;
+    }
+    return false;
+}
+
+enum class Operation { add, subtract, multiply, divide };
+
+// `a <operation> b` in machine numbers, or null when the shortcut does not apply (a division by
+// zero is left to the number types too, which raise for it).
+Ref combine_numbers(PyObject* a, PyObject* b, Operation operation) {
+    Number x = number(a);
+    Number y = number(b);
+    double p;
+    double q;
+    if (x.kind == Number::integer && y.kind == Number::integer && operation != Operation::divide) {
+        long long result;
+        bool overflow = false;
+        switch (operation) {
+            case Operation::add: overflow = __builtin_add_overflow(x.i, y.i, &result); break;
+            case Operation::subtract: overflow = __builtin_sub_overflow(x.i, y.i, &result); break;
+            default: overflow = __builtin_mul_overflow(x.i, y.i, &result); break;
+        }
+        return overflow ? Ref() : own(PyLong_FromLongLong(result));
+    }
+    // Otherwise in floats; ints divide this way too, correctly rounded as int division gives it.
+    if (!exact_float(x, &p) || !exact_float(y, &q)) {
+        return Ref();
+    }
+    switch (operation) {
+        case Operation::add: return real(p + q);
+        case Operation::subtract: return real(p - q);
+        case Operation::multiply: return real(p * q);
+        default: return q == 0.0 ? Ref() : real(p / q);
+    }
+}
+
+// The fields of each of the module's classes, in the order its code stores them in a new instance's
+// dict: where a field is usually found, which a read tries first.
+constexpr Name share_fields[] = {Name::_give_back};
+constexpr Name held_fields[] = {Name::holders, Name::amount, Name::unbounded};
+constexpr Name charges_fields[] = {Name::per_byte, Name::per_call};
+constexpr Name rates_fields[] = {Name::_lock, Name::_cost, Name::_tokens, Name::_features};
+constexpr Name budget_fields[] = {Name::max_calls,   Name::max_tokens, Name::calls,       Name::input_tokens,
+                                  Name::cost,        Name::cache_hits, Name::in_flight,   Name::should_stop,
+                                  Name::_held_tokens, Name::_changed};
+constexpr Name daily_fields[] = {Name::_cap,  Name::_today, Name::_ledger, Name::_changed,
+                                 Name::_held, Name::_day,   Name::_cost,   Name::_capped};
+constexpr std::span<const Name> own_fields[] = {share_fields,  held_fields,   charges_fields,
+                                                rates_fields,  budget_fields, daily_fields};
+static_assert(std::size(own_fields) == static_cast<size_t>(Own::count));
+
+constexpr int name_count = static_cast<int>(Name::count);
+using Places = std::array<std::array<signed char, name_count>, static_cast<size_t>(Own::count)>;
+
+constexpr Places make_places() {
+    Places places{};
+    for (size_t cls = 0; cls < places.size(); ++cls) {
+        places[cls].fill(-1);
+        for (size_t i = 0; i < own_fields[cls].size(); ++i) {
+            places[cls][static_cast<size_t>(own_fields[cls][i])] = static_cast<signed char>(i);
+        }
+    }
+    return places;
+}
+
+// Where each field of each class usually is in an instance's dict; -1 for what is no field.
+constexpr Places places = make_places();
+
+// The states that watch each dict, in one interpreter. A dict watcher's callback is told only which
+// dict changed, so the interpreter's own dict keeps this, under a key of the module's.
+struct Watching {
+    int watcher = -1;
+    std::vector<std::pair<PyObject*, ModuleState*>> entries;  // the dict is not owned: only compared
+};
+
+constexpr const char* watching_key = "engines.decision_bounds.watching";
+
+void forget_facts(NamespaceFacts& facts) {
+    facts.math_isinf = false;
+    facts.share = false;
+    facts.partial = false;
+}
+
+// This interpreter's `Watching`, or null when it has none (and `create` is false).
+Watching* watching(bool create) {
+    PyObject* interpreter = PyInterpreterState_GetDict(PyInterpreterState_Get());
+    if (interpreter == nullptr) {
         return nullptr;
     }
-    static_assert(static_cast<int>(Name::count) <= 128, "one bit per name");
-    auto bit = static_cast<unsigned>(key);
-    unsigned long long mask = 1ULL << (bit % 64);
-    // Classes are a kilobyte apart or so: the address is mixed before it picks one of 16 places.
-    uint64_t mixed = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(type)) * 0x9E3779B97F4A7C15ULL;
-    PlainFields& known = state_of(fn).fast.plain[mixed >> 60];
-    bool valid = PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) && type->tp_version_tag != 0;
-    if (!(valid && known.type == type && known.version == type->tp_version_tag && (known.names[bit / 64] & mask))) {
-        PyObject* descr = _PyType_Lookup(type, name(fn, key));
-        if (descr != nullptr && Py_TYPE(descr)->tp_descr_set != nullptr) {
-            return nullptr;
-        }
-        // The lookup gives the class a version if it had none.
-        if (PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) && type->tp_version_tag != 0) {
-            if (known.type != type || known.version != type->tp_version_tag) {
-                known = PlainFields{type, type->tp_version_tag, {0, 0}};
-            }
-            known.names[bit / 64] |= mask;
+    PyObject* found = PyDict_GetItemString(interpreter, watching_key);
+    if (found != nullptr) {
+        return static_cast<Watching*>(PyCapsule_GetPointer(found, watching_key));
+    }
+    if (!create) {
+        return nullptr;
+    }
+    auto made = std::make_unique<Watching>();
+    Ref capsule = own(PyCapsule_New(made.get(), watching_key, [](PyObject* capsule) noexcept {
+        delete static_cast<Watching*>(PyCapsule_GetPointer(capsule, watching_key));
+    }));
+    Watching* result = made.release();
+    check(PyDict_SetItemString(interpreter, watching_key, capsule.get()));
+    return result;
+}
+
+// Any change to a watched dict: the states that read it forget what they found standard in it.
+int namespace_changed(PyDict_WatchEvent event, PyObject* dict, PyObject*, PyObject*) noexcept {
+    Watching* watched = watching(false);
+    if (watched == nullptr) {
+        return 0;
+    }
+    for (auto& [watched_dict, state] : watched->entries) {
+        if (watched_dict == dict) {
+            forget_facts(state->facts);
         }
     }
-    return instance_dict(object);
+    if (event == PyDict_EVENT_DEALLOCATED) {
+        std::erase_if(watched->entries, [&](const auto& entry) { return entry.first == dict; });
+    }
+    return 0;
+}
+
+// Has the namespace and the modules it takes `isinf` and `partial` from watched for `state`; if
+// no watcher can be had, the state only never remembers what it found.
+void watch_namespace(PyObject* module) {
+    ModuleState& state = state_of(module);
+    Watching* watched = watching(true);
+    if (watched->watcher < 0) {
+        watched->watcher = PyDict_AddWatcher(namespace_changed);
+        if (watched->watcher < 0) {
+            PyErr_Clear();  // all watchers taken: the namespace is read at each use instead
+            return;
+        }
+    }
+    for (PyObject* dict : {PyModule_GetDict(module), PyModule_GetDict(state.fast.math_module),
+                           PyModule_GetDict(state.fast.functools_module)}) {
+        check(PyDict_Watch(watched->watcher, dict));
+        watched->entries.emplace_back(dict, &state);
+    }
+    state.facts.watched = true;
+}
+
+void unwatch_namespace(ModuleState& state) {
+    if (Watching* watched = watching(false)) {
+        std::erase_if(watched->entries, [&](const auto& entry) { return entry.second == &state; });
+    }
+    state.facts = NamespaceFacts{};
+}
+
+// `module_dict[key]`, borrowed, or null when absent (or unreadable).
+PyObject* entry(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (value == nullptr) {
+        PyErr_Clear();
+    }
+    return value;
+}
+
+// Whether `namespace[module_key].<attribute_key>` is `expected`, with the module the one expected.
+bool standard_attribute(FunctionObject* fn, Name module_key, PyObject* module, Name attribute_key,
+                        PyObject* expected) {
+    PyObject* found = entry(fn->globals, name(fn, module_key));
+    return found != nullptr && found == module && module != nullptr &&
+           entry(PyModule_GetDict(module), name(fn, attribute_key)) == expected;
 }
 
 }  // namespace
 
-Ref get_field(FunctionObject* fn, PyObject* object, Name key) {
-    if (PyObject* dict = plain_dict(fn, object, key)) {
-        if (PyObject* value = item(dict, name(fn, key))) {
-            return Ref::borrow(value);
-        }
-    }
-    // Not an attribute of its own: the class's, or the `AttributeError`.
-    return getattr(object, name(fn, key));
-}
+// The module's own classes and the standard objects.
 
-void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value) {
-    if (PyObject* dict = plain_dict(fn, object, key)) {
-        check(PyDict_SetItem(dict, name(fn, key), value));
-    } else {
-        setattr(object, name(fn, key), value);
+void remember_own_classes(PyObject* module) {
+    static constexpr const char* names[] = {"Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"};
+    static_assert(std::size(names) == static_cast<size_t>(Own::count));
+    ModuleState& state = state_of(module);
+    for (size_t i = 0; i < std::size(names); ++i) {
+        Ref cls = lookup(module, names[i]);
+        if (!PyType_Check(cls.get())) {
+            PyErr_Format(PyExc_TypeError, "%s is not a class", names[i]);
+            raise_current();
+        }
+        auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+        state.own[i].version = PyUnstable_Type_AssignVersionTag(type) ? type->tp_version_tag : 0;
+        state.own[i].type = reinterpret_cast<PyTypeObject*>(cls.release());
     }
+    watch_namespace(module);
 }
 
 void init_fast_paths(PyObject* module) {
     FastPaths& fast = state_of(module).fast;
     fast.empty_tuple = own(PyTuple_New(0)).release();
     fast.zero = own(PyFloat_FromDouble(0.0)).release();
+    fast.empty_text = own(PyUnicode_FromString("")).release();
+    fast.zero_int = own(PyLong_FromLong(0)).release();
+    fast.one = own(PyLong_FromLong(1)).release();
 
     Ref threading = own(PyImport_ImportModule("threading"));
     Ref condition = attribute(threading.get(), "Condition");
@@ -168,9 +378,16 @@ void init_fast_paths(PyObject* module) {
     Ref math = own(PyImport_ImportModule("math"));
     fast.math_isinf = attribute(math.get(), "isinf").release();
     fast.math_module = math.release();
+    Ref functools = own(PyImport_ImportModule("functools"));
+    fast.partial_type = attribute(functools.get(), "partial").release();
+    fast.functools_module = functools.release();
 }
 
-int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg) {
+int traverse_fast_paths(ModuleState& state, visitproc visit, void* arg) {
+    for (OwnClass& own : state.own) {
+        Py_VISIT(own.type);
+    }
+    FastPaths& fast = state.fast;
     Py_VISIT(fast.condition_type);
     for (PyObject* method : fast.condition_methods) {
         Py_VISIT(method);
@@ -180,10 +397,18 @@ int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg) {
     Py_VISIT(fast.lock_type);
     Py_VISIT(fast.math_module);
     Py_VISIT(fast.math_isinf);
+    Py_VISIT(fast.functools_module);
+    Py_VISIT(fast.partial_type);
     return 0;
 }
 
-void clear_fast_paths(FastPaths& fast) {
+void clear_fast_paths(ModuleState& state) {
+    unwatch_namespace(state);
+    for (OwnClass& own : state.own) {
+        Py_CLEAR(own.type);
+        own.version = 0;
+    }
+    FastPaths& fast = state.fast;
     Py_CLEAR(fast.condition_type);
     for (PyObject*& method : fast.condition_methods) {
         Py_CLEAR(method);
@@ -193,8 +418,13 @@ void clear_fast_paths(FastPaths& fast) {
     Py_CLEAR(fast.lock_type);
     Py_CLEAR(fast.math_module);
     Py_CLEAR(fast.math_isinf);
+    Py_CLEAR(fast.functools_module);
+    Py_CLEAR(fast.partial_type);
     Py_CLEAR(fast.empty_tuple);
     Py_CLEAR(fast.zero);
+    Py_CLEAR(fast.empty_text);
+    Py_CLEAR(fast.zero_int);
+    Py_CLEAR(fast.one);
     fast.condition_version = 0;
     fast.rlock_acquire = nullptr;
     fast.rlock_release = nullptr;
@@ -202,6 +432,130 @@ void clear_fast_paths(FastPaths& fast) {
     fast.lock_acquire = nullptr;
     fast.lock_release = nullptr;
 }
+
+// Self
+
+bool is_own_class(FunctionObject* fn, PyObject* cls, Own which) {
+    const OwnClass& own = state_of(fn).own[static_cast<int>(which)];
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
+    // Any change to a class takes its version away (and a later one gives it another).
+    return type == own.type && own.version != 0 && type->tp_version_tag == own.version;
+}
+
+bool is_own(FunctionObject* fn, PyObject* object, Own cls) {
+    return is_own_class(fn, reinterpret_cast<PyObject*>(Py_TYPE(object)), cls);
+}
+
+void Self::refresh() {
+    dict_ = Ref();
+    if (!is_own(fn_, object_, cls_)) {
+        return;
+    }
+    PyObject** dict = _PyObject_GetDictPtr(object_);
+    if (dict != nullptr && *dict != nullptr && PyDict_CheckExact(*dict)) {
+        dict_ = Ref::borrow(*dict);
+    }
+}
+
+PyObject* Self::field(Name key) const {
+    PyObject* interned = name(fn_, key);
+    if (Py_ssize_t place = places[static_cast<size_t>(cls_)][static_cast<size_t>(key)]; place >= 0) {
+        PyObject* found;
+        PyObject* value;
+        if (PyDict_Next(dict_.get(), &place, &found, &value) && found == interned) {
+            return value;
+        }
+    }
+    PyObject* value = PyDict_GetItemWithError(dict_.get(), interned);
+    if (value == nullptr && PyErr_Occurred()) {
+        raise_current();
+    }
+    return value;
+}
+
+bool Self::shadows(Name method) const { return has(dict_.get(), name(fn_, method)); }
+
+Ref Self::get(Name key) const {
+    if (dict_) {
+        if (PyObject* value = field(key)) {
+            return Ref::borrow(value);
+        }
+    }
+    // Not an attribute of its own: the class's, or the `AttributeError`.
+    return getattr(object_, name(fn_, key));
+}
+
+void Self::set(Name key, PyObject* value) const {
+    if (dict_) {
+        store(key, value);
+    } else {
+        setattr(object_, name(fn_, key), value);
+    }
+}
+
+void Self::add_to(Name field, PyObject* step) {
+    Ref value = get(field);
+    Ref sum = combine_numbers(value.get(), step, Operation::add);
+    if (!sum) {
+        sum = own(PyNumber_InPlaceAdd(value.get(), step));
+        refresh();  // the addition may have run code of the caller's
+    }
+    set(field, sum.get());
+}
+
+void Self::take_from(Name field, PyObject* step, PyObject* floor) {
+    Ref value = get(field);
+    Ref less = combine_numbers(value.get(), step, Operation::subtract);
+    Ref kept;
+    if (less) {
+        kept = larger(floor, less.get());
+    } else {
+        less = own(PyNumber_Subtract(value.get(), step));
+        kept = larger(floor, less.get());
+        refresh();  // the subtraction and the comparison may have run code of the caller's
+    }
+    set(field, kept.get());
+}
+
+// What the namespace holds.
+
+bool standard_isinf(FunctionObject* fn) {
+    NamespaceFacts& facts = state_of(fn).facts;
+    if (!facts.math_isinf) {
+        const FastPaths& fast = state_of(fn).fast;
+        if (!standard_attribute(fn, Name::math, fast.math_module, Name::isinf, fast.math_isinf)) {
+            return false;
+        }
+        facts.math_isinf = facts.watched;
+    }
+    return true;
+}
+
+bool standard_share(FunctionObject* fn) {
+    ModuleState& state = state_of(fn);
+    if (!state.facts.share) {
+        PyObject* share = reinterpret_cast<PyObject*>(state.own[static_cast<int>(Own::Share)].type);
+        if (share == nullptr || entry(fn->globals, name(fn, Name::Share)) != share) {
+            return false;
+        }
+        state.facts.share = state.facts.watched;
+    }
+    return true;
+}
+
+bool standard_partial(FunctionObject* fn) {
+    NamespaceFacts& facts = state_of(fn).facts;
+    if (!facts.partial) {
+        const FastPaths& fast = state_of(fn).fast;
+        if (!standard_attribute(fn, Name::functools, fast.functools_module, Name::partial, fast.partial_type)) {
+            return false;
+        }
+        facts.partial = facts.watched;
+    }
+    return true;
+}
+
+// The standard condition and locks.
 
 void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direct) {
     const FastPaths& fast = state_of(fn).fast;
@@ -244,40 +598,26 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
         return false;
     }
     PyObject* dict = instance_dict(condition);
-    if (dict == nullptr || has(dict, name(fn, Name::notify_all)) || has(dict, name(fn, Name::notify))) {
+    if (dict == nullptr) {
         return false;
     }
     PyObject* waiters = item(dict, name(fn, Name::_waiters));
+    if (waiters == nullptr || Py_TYPE(waiters) != fast.deque_type || PyObject_Size(waiters) != 0) {
+        return false;
+    }
     PyObject* is_owned = item(dict, name(fn, Name::_is_owned));
-    if (waiters == nullptr || Py_TYPE(waiters) != fast.deque_type || is_owned == nullptr ||
-        !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != fast.rlock_is_owned ||
+    if (is_owned == nullptr || !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != fast.rlock_is_owned ||
         PyCFunction_GET_SELF(is_owned) != direct.lock) {
         return false;
     }
-    if (PyObject_Size(waiters) != 0) {
+    if (has(dict, name(fn, Name::notify_all)) || has(dict, name(fn, Name::notify))) {
         return false;
     }
     Ref owned = own(fast.rlock_is_owned(direct.lock, nullptr));
     return owned.get() == Py_True;
 }
-PyObject* own_method(FunctionObject* fn, PyObject* object, Name key) {
-    PyTypeObject* type = Py_TYPE(object);
-    if (type->tp_getattro != PyObject_GenericGetAttr) {
-        return nullptr;
-    }
-    PyObject* method = _PyType_Lookup(type, name(fn, key));
-    if (method == nullptr || Py_TYPE(method) != state_of(fn).function_type) {
-        return nullptr;
-    }
-    PyObject* dict = instance_dict(object);
-    if (dict != nullptr && has(dict, name(fn, key))) {
-        return nullptr;
-    }
-    return method;
-}
 
 bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result) {
-    const FastPaths& fast = state_of(fn).fast;
     double number;
     if (PyFloat_CheckExact(value)) {
         number = PyFloat_AS_DOUBLE(value);
@@ -292,16 +632,95 @@ bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result) {
         return false;
     }
     // `math.isinf` as the function body reads it: the module from the namespace, then its attribute.
-    PyObject* math = item(fn->globals, name(fn, Name::math));
-    if (math == nullptr || math != fast.math_module) {
-        return false;
-    }
-    PyObject* isinf = item(PyModule_GetDict(math), name(fn, Name::isinf));
-    if (isinf == nullptr || isinf != fast.math_isinf) {
+    if (!standard_isinf(fn)) {
         return false;
     }
     *result = std::isinf(number);
     return true;
+}
+
+// Numbers
+
+bool exact_int(PyObject* value, long long* out) {
+    Number n = number(value);
+    *out = n.i;
+    return n.kind == Number::integer;
+}
+
+bool exact_float(PyObject* value, double* out) { return exact_float(number(value), out); }
+
+Ref exact_sum(PyObject* a, PyObject* b) { return combine_numbers(a, b, Operation::add); }
+
+Ref plain_attribute(FunctionObject* fn, PyObject* object, Name key) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_getattro != PyObject_GenericGetAttr) {
+        return Ref();
+    }
+    PyObject* descr = _PyType_Lookup(type, name(fn, key));
+    if (descr != nullptr && Py_TYPE(descr)->tp_descr_get != nullptr) {
+        return Ref();
+    }
+    PyObject* value = PyObject_GenericGetAttr(object, name(fn, key));
+    if (value == nullptr) {
+        PyErr_Clear();  // the ordinary read that follows raises it again
+    }
+    return Ref::steal(value);
+}
+
+Ref add(PyObject* a, PyObject* b) {
+    Ref sum = combine_numbers(a, b, Operation::add);
+    return sum ? sum : own(PyNumber_Add(a, b));
+}
+
+Ref add_in_place(PyObject* a, PyObject* b) {
+    // Ints and floats have no in-place addition of their own: `+=` adds them as `+` does.
+    Ref sum = combine_numbers(a, b, Operation::add);
+    return sum ? sum : own(PyNumber_InPlaceAdd(a, b));
+}
+
+Ref subtract(PyObject* a, PyObject* b) {
+    Ref difference = combine_numbers(a, b, Operation::subtract);
+    return difference ? difference : own(PyNumber_Subtract(a, b));
+}
+
+Ref multiply(PyObject* a, PyObject* b) {
+    Ref product = combine_numbers(a, b, Operation::multiply);
+    return product ? product : own(PyNumber_Multiply(a, b));
+}
+
+Ref divide(PyObject* a, PyObject* b) {
+    Ref quotient = combine_numbers(a, b, Operation::divide);
+    return quotient ? quotient : own(PyNumber_TrueDivide(a, b));
+}
+
+Ref compared(PyObject* a, PyObject* b, int op) {
+    bool result;
+    if (compare_numbers(a, b, op, &result)) {
+        return boolean(result);
+    }
+    return own(PyObject_RichCompare(a, b, op));
+}
+
+bool holds(PyObject* a, PyObject* b, int op) {
+    bool result;
+    if (compare_numbers(a, b, op, &result)) {
+        return result;
+    }
+    return is_true(own(PyObject_RichCompare(a, b, op)).get());
+}
+
+Ref larger(PyObject* kept, PyObject* candidate) {
+    return Ref::borrow(holds(candidate, kept, Py_GT) ? candidate : kept);
+}
+
+bool is_true(PyObject* value) {
+    if (value == Py_True) {
+        return true;
+    }
+    if (value == Py_False || value == Py_None) {
+        return false;
+    }
+    return check(PyObject_IsTrue(value)) != 0;
 }
 
 }  // namespace decision_bounds

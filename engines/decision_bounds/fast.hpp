@@ -1,11 +1,11 @@
-// Shortcuts through the standard objects that the hot paths use, taken only when the object is
-// exactly the standard one, unchanged since start-up; any other object gets the plain calls.
-//
-// What is known at start-up is kept in the module state (`FastPaths`): the standard
-// `threading.Condition` class with the version its class had (any change to the class gives it
-// another), the C functions of the reentrant lock it makes by default, and the `math` module with
-// its `isinf`.
+// Shortcuts through the objects that the hot paths use, taken only when an object is exactly what
+// start-up found: one of the module's own classes unchanged since (its version), the standard
+// `threading.Condition` over the C reentrant lock, `math.isinf`, exact ints and floats. Anything
+// else gets the ordinary calls that the Python code of the method would make, so the shortcuts
+// change how fast a method runs, never what it does.
 #pragma once
+
+#include <utility>
 
 #include "module.hpp"
 
@@ -13,8 +13,93 @@ namespace decision_bounds {
 
 // Finds the standard objects (at start-up, after the imports are bound).
 void init_fast_paths(PyObject* module);
-int traverse_fast_paths(FastPaths& fast, visitproc visit, void* arg);
-void clear_fast_paths(FastPaths& fast);
+// Notes the module's own classes as they are at the end of start-up, and starts watching the
+// namespace.
+void remember_own_classes(PyObject* module);
+int traverse_fast_paths(ModuleState& state, visitproc visit, void* arg);
+void clear_fast_paths(ModuleState& state);
+
+// Whether `cls` is the module's class `which`, unchanged since start-up.
+bool is_own_class(FunctionObject* fn, PyObject* cls, Own which);
+// Whether `object` is exactly an instance of the module's class `cls`, unchanged since start-up.
+bool is_own(FunctionObject* fn, PyObject* object, Own cls);
+
+// `self` in a method of one of the module's classes: `self.<name>` read, written and called as the
+// Python body of the method would, and straight in the object's dict while the object is exactly
+// of that class and the class is as start-up left it, since then no descriptor, override or
+// `__getattr__` can stand in between. Otherwise through the ordinary attribute calls.
+//
+// The caller's code can change the object's class or replace its dict: `refresh()` after each call
+// out. `call` refreshes after the method it calls.
+class Self {
+public:
+    Self(FunctionObject* fn, PyObject* object, Own cls) : fn_(fn), object_(object), cls_(cls) { refresh(); }
+
+    PyObject* object() const noexcept { return object_; }
+    // Whether the shortcuts apply (the object is exactly of its class, unchanged, with its dict).
+    bool standard() const noexcept { return static_cast<bool>(dict_); }
+    void refresh();
+
+    // For the direct paths, which run only while `standard()`: the value of a field, borrowed from
+    // the dict (read where the class's code stores it), or null when the dict has none; whether
+    // the dict has an entry that shadows one of the class's methods; how many entries it has.
+    PyObject* field(Name key) const;
+    bool shadows(Name method) const;
+    Py_ssize_t size() const { return PyDict_GET_SIZE(dict_.get()); }
+    void store(Name key, PyObject* value) const { check(PyDict_SetItem(dict_.get(), name(fn_, key), value)); }
+
+    Ref get(Name key) const;
+    void set(Name key, PyObject* value) const;
+    // `self.<field> += step`: read, added and stored as the augmented assignment does it.
+    void add_to(Name field, PyObject* step);
+    // `self.<field> = max(floor, self.<field> - step)`
+    void take_from(Name field, PyObject* step, PyObject* floor);
+
+    // `self.<method>(args...)`, where `body` is what the class defines for it: run directly, on this
+    // very view, unless the instance's own dict has something of that name. `body` is called as
+    // `body(self, args...)`.
+    template <typename Body, typename... Args>
+    Ref call(Name method, Body&& body, Args... args) {
+        Ref result = dict_ && !shadows(method) ? body(*this, args...) : call_method(object_, name(fn_, method), args...);
+        refresh();
+        return result;
+    }
+
+    FunctionObject* fn() const noexcept { return fn_; }
+
+private:
+    FunctionObject* fn_;
+    PyObject* object_;
+    Own cls_;
+    Ref dict_;  // the object's dict while the shortcuts apply; kept alive, whatever replaces it
+};
+
+// The body (function.hpp) of a method of the class `cls` from its implementation on a `Self`,
+// `impl(self, args...)`: so that a method that calls another of its object's methods runs that one
+// on its own view.
+template <typename Impl>
+struct Arity;
+template <typename... Args>
+struct Arity<Ref (*)(Self&, Args...)> {
+    static constexpr size_t value = sizeof...(Args);
+};
+
+template <Own cls, auto impl>
+Ref method(FunctionObject* fn, PyObject* const* args) {
+    Self self(fn, args[0], cls);
+    return [&]<size_t... I>(std::index_sequence<I...>) {
+        return impl(self, args[I + 1]...);
+    }(std::make_index_sequence<Arity<decltype(impl)>::value>());
+}
+
+// Whether calling `callable` with no arguments is calling the module's `never`: False, no effect.
+bool is_never(FunctionObject* fn, PyObject* callable);
+
+// Whether the namespace's `math.isinf`, `Share` and `functools.partial` are the standard ones
+// (the last two: the module's own class, the standard class).
+bool standard_isinf(FunctionObject* fn);
+bool standard_share(FunctionObject* fn);
+bool standard_partial(FunctionObject* fn);
 
 // The lock that a `with` block on `object` takes, and how to take it directly: `object` itself when
 // it is exactly a standard `threading.Lock()`; the lock inside it when it is exactly a standard
@@ -46,30 +131,32 @@ PyObject* release_direct(const DirectLock& direct) noexcept;
 // holds the lock, and its `_waiters` is empty. False when in doubt: the caller then calls the method.
 bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condition);
 
-// `object.<key>` and `object.<key> = value` for a plain instance attribute: straight in the
-// object's dict when its class adds nothing between (the generic attribute access, and no data
-// descriptor of that name), through the usual attribute calls otherwise.
-// What was found about a class (by its version) is remembered per name in the module state.
-Ref get_field(FunctionObject* fn, PyObject* object, Name key);
-void set_field(FunctionObject* fn, PyObject* object, Name key, PyObject* value);
-
-// The module's own function that `object.<key>(...)` would call as a method: the class's, when the
-// instance has no attribute of that name (its dict is made if it has none yet, so this serves
-// long-lived objects). Null otherwise.
-PyObject* own_method(FunctionObject* fn, PyObject* object, Name key);
-
-// `object.<key>(args...)`, running the module's own method directly when that is what it calls.
-template <typename... Args>
-Ref call_method_of(FunctionObject* fn, PyObject* object, Name key, Args... args) {
-    if (PyObject* method = own_method(fn, object, key)) {
-        PyObject* argv[] = {object, args...};
-        return call_function(method, argv, static_cast<Py_ssize_t>(1 + sizeof...(Args)));
-    }
-    return call_method(object, name(fn, key), args...);
-}
-
 // Whether `value` is an exact float or int and the namespace's `math.isinf` is the standard one,
 // in which case `*result` is what `math.isinf(value)` returns.
 bool isinf_directly(FunctionObject* fn, PyObject* value, bool* result);
+
+// Arithmetic and comparisons of amounts and counters, in machine numbers when both sides are exact
+// ints within 64 bits, exact floats, or one of each with the int exactly a float (up to 2**53):
+// there the results are the ones the number types give. Anything else goes to the number calls.
+Ref add(PyObject* a, PyObject* b);          // `a + b`; for numbers also what `a += b` gives
+Ref add_in_place(PyObject* a, PyObject* b);  // `a += b`
+Ref subtract(PyObject* a, PyObject* b);     // `a - b`
+Ref multiply(PyObject* a, PyObject* b);     // `a * b`
+Ref divide(PyObject* a, PyObject* b);       // `a / b`
+Ref compared(PyObject* a, PyObject* b, int op);  // `a <op> b`, the result object
+bool holds(PyObject* a, PyObject* b, int op);    // `bool(a <op> b)` as an `if` takes it
+// `value` in machine numbers, when it is an exact int within 64 bits.
+bool exact_int(PyObject* value, long long* out);
+// `value` as a float, when it is exactly one: an exact float, or an exact int up to 2**53.
+bool exact_float(PyObject* value, double* out);
+// `a + b` for exact numbers as above, or null (nothing raised) for anything else.
+Ref exact_sum(PyObject* a, PyObject* b);
+// `object.<key>` when reading it runs no code: the class has the generic attribute access and no
+// descriptor of that name (a property, say). Null, with nothing raised, otherwise or when missing.
+Ref plain_attribute(FunctionObject* fn, PyObject* object, Name key);
+// `max(kept, candidate)` as the built-in picks it: the candidate only when strictly greater.
+Ref larger(PyObject* kept, PyObject* candidate);
+// `bool(value)`
+bool is_true(PyObject* value);
 
 }  // namespace decision_bounds

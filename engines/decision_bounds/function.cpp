@@ -251,11 +251,28 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     }
 }
 
-// Whether a call gives exactly one positional argument per parameter, and nothing else: the
-// arguments are then the bound slots as they stand.
+// Whether a call's arguments are the bound slots as they stand: positional only, one per named
+// parameter, and any more only for a `*name` parameter (whose values no body reads).
 bool binds_as_given(const FunctionDef& def, Py_ssize_t nargs, PyObject* kwnames) {
-    return kwnames == nullptr && static_cast<Py_ssize_t>(def.params.size()) == nargs &&
-           (nargs == 0 || def.params.back().kind == ParamKind::positional_or_keyword);
+    if (kwnames != nullptr) {
+        return false;
+    }
+    auto count = static_cast<Py_ssize_t>(def.params.size());
+    if (count > 0 && def.params.back().kind == ParamKind::var_positional) {
+        // Keyword-only parameters would follow it: all before it are positional.
+        return nargs >= count - 1;
+    }
+    return count == nargs && (nargs == 0 || def.params.back().kind == ParamKind::positional_or_keyword);
+}
+
+// Whether a call leaves only trailing positional parameters to their defaults: positional
+// arguments alone, for a definition of positional parameters alone.
+bool binds_with_defaults(FunctionObject* fn, Py_ssize_t nargs, PyObject* kwnames) {
+    const FunctionDef& def = *fn->def;
+    auto count = static_cast<Py_ssize_t>(def.params.size());
+    return kwnames == nullptr && nargs < count && fn->defaults != nullptr &&
+           def.params.back().kind == ParamKind::positional_or_keyword &&
+           nargs >= count - PyTuple_GET_SIZE(fn->defaults);
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
@@ -263,6 +280,19 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
     if (binds_as_given(*fn->def, nargs, kwnames)) {
         return guarded([&] { return fn->def->body(fn, args); });
+    }
+    if (binds_with_defaults(fn, nargs, kwnames)) {
+        return guarded([&] {
+            // Kept while the body runs: it may run code that replaces the function's defaults.
+            Ref defaults = Ref::borrow(fn->defaults);
+            auto count = static_cast<Py_ssize_t>(fn->def->params.size());
+            Py_ssize_t first_default = count - PyTuple_GET_SIZE(defaults.get());
+            PyObject* slots[max_params];
+            for (Py_ssize_t i = 0; i < count; ++i) {
+                slots[i] = i < nargs ? args[i] : PyTuple_GET_ITEM(defaults.get(), i - first_default);
+            }
+            return fn->def->body(fn, slots);
+        });
     }
     return guarded([&] {
         PyObject* slots[max_params];
@@ -573,6 +603,28 @@ Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
         return fn->def->body(fn, args);
     }
     return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
+}
+
+Ref make_closure(FunctionObject* maker, const FunctionDef& def, PyObject* first, PyObject* second) {
+    FunctionObject* fn = PyObject_GC_New(FunctionObject, Py_TYPE(maker));
+    if (fn == nullptr) {
+        raise_current();
+    }
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(fn));
+    fn->vectorcall = function_vectorcall;
+    fn->def = &def;
+    fn->module = Py_NewRef(maker->module);
+    fn->state = maker->state;
+    fn->globals = Py_NewRef(maker->globals);
+    fn->module_name = Py_XNewRef(maker->module_name);
+    fn->name = fn->qualname = fn->doc = nullptr;
+    fn->defaults = fn->kwdefaults = nullptr;
+    fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
+    fn->captured[0] = Py_NewRef(first);
+    fn->captured[1] = Py_NewRef(second);
+    fn->keywords = nullptr;
+    PyObject_GC_Track(fn);
+    return result;
 }
 
 Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {

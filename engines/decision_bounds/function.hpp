@@ -69,6 +69,10 @@ PyType_Spec& function_type_spec();
 // exactly its parameters, else through its ordinary call.
 Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs);
 
+// Makes a function from `def` inside a call of `maker` (of the same module), keeping `first` and
+// `second` as `captured`, as a nested function keeps what it closes over.
+Ref make_closure(FunctionObject* maker, const FunctionDef& def, PyObject* first, PyObject* second);
+
 // Makes a function of `module` from `def`. `defaults` is a tuple or null, `kwdefaults` a dict or
 // null; both are taken as they are (new references are kept).
 Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults = nullptr,

@@ -132,6 +132,7 @@ void start_up(PyObject* module) {
     add_request_rates(module);
     add_run_budget(module);
     add_daily_spend(module);
+    remember_own_classes(module);
 }
 
 int exec_module(PyObject* module) noexcept {
@@ -150,7 +151,7 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
         Py_VISIT(state->function_type);
-        return traverse_fast_paths(state->fast, visit, arg);
+        return traverse_fast_paths(*state, visit, arg);
     }
     return 0;
 }
@@ -158,8 +159,9 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) noexcept {
 int clear_module(PyObject* module) noexcept {
     ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
+        clear_share_pool(*state);
+        clear_fast_paths(*state);
         Py_CLEAR(state->function_type);
-        clear_fast_paths(state->fast);
         for (PyObject*& interned : state->names) {
             Py_CLEAR(interned);
         }
@@ -192,6 +194,11 @@ PyModuleDef module_def = {
 }  // namespace
 
 ModuleState& state_of(PyObject* module) { return *static_cast<ModuleState*>(PyModule_GetState(module)); }
+
+bool is_never(FunctionObject* fn, PyObject* callable) {
+    return Py_IS_TYPE(callable, state_of(fn).function_type) &&
+           reinterpret_cast<FunctionObject*>(callable)->def == &never_def;
+}
 
 Ref global(PyObject* globals, PyObject* key) {
     PyObject* value = PyDict_GetItemWithError(globals, key);

@@ -31,16 +31,25 @@ enum class Name : int {
         count
 };
 
-// Names known to be plain instance attributes of a class, as long as the class keeps its version.
-struct PlainFields {
-    PyTypeObject* type;    // not owned: only compared, together with the version it had
-    unsigned int version;
-    unsigned long long names[2];  // one bit per `Name`
+// The module's own classes, which the shortcuts of fast.hpp recognise.
+enum class Own : int { Share, _Held, _Charges, RequestRates, RunBudget, DailySpend, count };
+
+// One of the module's classes as start-up left it: while the class keeps this version, nothing on
+// it has changed (no method replaced, no descriptor added).
+struct OwnClass {
+    PyTypeObject* type;
+    unsigned int version;  // 0: no version could be given, so never taken as unchanged
+};
+
+// A few `Share` objects kept for reuse, each with its attribute dict (fast.hpp).
+struct SharePool {
+    static constexpr int capacity = 32;
+    PyObject* free[capacity];
+    int count;
 };
 
 // The standard objects that the shortcuts of fast.hpp recognise; null where one is not found.
 struct FastPaths {
-    PlainFields plain[16];
     PyTypeObject* condition_type;    // `threading.Condition`, and the version of its class last seen
     unsigned int condition_version;  // standard: any change to the class gives it another
     PyObject* condition_methods[4];  // its `__enter__`, `__exit__`, `notify_all` and `notify`
@@ -54,14 +63,31 @@ struct FastPaths {
     PyCFunction lock_release;
     PyObject* math_module;           // `math` and its `isinf`
     PyObject* math_isinf;
+    PyObject* functools_module;      // `functools` and its `partial`
+    PyObject* partial_type;
     PyObject* empty_tuple;
     PyObject* zero;                  // the float 0.0, as a constant of the code would be shared
+    PyObject* empty_text;            // ""
+    PyObject* zero_int;              // the ints 0 and 1
+    PyObject* one;
+};
+
+// What the hot paths read of the namespace, found standard after the last change to it (fast.cpp
+// watches the module's namespace and those of `math` and `functools`, and forgets these on any).
+struct NamespaceFacts {
+    bool watched;     // changes are reported; otherwise nothing is remembered
+    bool math_isinf;  // `math.isinf` is the standard function
+    bool share;       // `Share` is the module's own class
+    bool partial;     // `functools.partial` is the standard class
 };
 
 struct ModuleState {
     PyTypeObject* function_type;
     PyObject* names[static_cast<int>(Name::count)];
+    OwnClass own[static_cast<int>(Own::count)];
     FastPaths fast;
+    NamespaceFacts facts;
+    SharePool shares;
 };
 
 ModuleState& state_of(PyObject* module);

@@ -70,12 +70,6 @@ inline Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 inline Ref none() noexcept { return Ref::borrow(Py_None); }
 inline Ref boolean(bool value) noexcept { return Ref::borrow(value ? Py_True : Py_False); }
 
-inline bool truthy(PyObject* value) { return check(PyObject_IsTrue(value)) != 0; }
-
-inline bool compare(PyObject* a, PyObject* b, int op) {
-    return check(PyObject_RichCompareBool(a, b, op)) != 0;
-}
-
 inline Ref getattr(PyObject* object, PyObject* name) { return own(PyObject_GetAttr(object, name)); }
 inline void setattr(PyObject* object, PyObject* name, PyObject* value) {
     check(PyObject_SetAttr(object, name, value));
@@ -93,12 +87,6 @@ Ref call_method(PyObject* object, PyObject* name, Args... args) {
     PyObject* argv[] = {object, args...};
     return own(PyObject_VectorcallMethod(name, argv, (1 + sizeof...(Args)) | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                          nullptr));
-}
-
-// The larger of two values as the built-in `max(kept, candidate)` picks it: the candidate replaces
-// the kept value only when it is strictly greater.
-inline Ref maximum(PyObject* kept, PyObject* candidate) {
-    return Ref::borrow(compare(candidate, kept, Py_GT) ? candidate : kept);
 }
 
 // Runs a body that may throw `PythonError` at an edge that Python calls, giving null on failure.

@@ -9,27 +9,22 @@ namespace {
 
 constexpr const char* charges_doc = "The most one measure of the paid replies came to: for one call, and per request byte.";
 
+PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
+
 // `max(self.per_byte * size, self.per_call)`: on a tie the product is the answer, with its type.
-Ref charges_bound(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    Ref per_byte = get_field(fn, self, Name::per_byte);
-    Ref product = own(PyNumber_Multiply(per_byte.get(), args[1]));
-    Ref per_call = get_field(fn, self, Name::per_call);
-    return maximum(product.get(), per_call.get());
+Ref charges_bound(Self& self, PyObject* size) {
+    Ref product = multiply(self.get(Name::per_byte).get(), size);
+    return larger(product.get(), self.get(Name::per_call).get());
 }
 
-Ref charges_learn(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* size = args[1];
-    PyObject* charge = args[2];
-    // An empty request counts as one byte.
-    Ref bytes = maximum(size, integer(1).get());
-    Ref rate = own(PyNumber_TrueDivide(charge, bytes.get()));
-    Ref per_byte = get_field(fn, self, Name::per_byte);
-    set_field(fn, self, Name::per_byte, maximum(per_byte.get(), rate.get()).get());
+Ref charges_learn(Self& self, PyObject* size, PyObject* charge) {
+    FunctionObject* fn = self.fn();
+    // `self.per_byte = max(self.per_byte, charge / max(size, 1))`: an empty request counts as one byte.
+    Ref per_byte = self.get(Name::per_byte);
+    Ref rate = divide(charge, larger(size, one(fn)).get());
+    self.set(Name::per_byte, larger(per_byte.get(), rate.get()).get());
     // The charge itself is kept, so an integer token count stays an integer.
-    Ref per_call = get_field(fn, self, Name::per_call);
-    set_field(fn, self, Name::per_call, maximum(per_call.get(), charge).get());
+    self.set(Name::per_call, larger(self.get(Name::per_call).get(), charge).get());
     return none();
 }
 
@@ -41,8 +36,8 @@ constexpr FunctionDef charges_methods[] = {
      "The most a request of ``size`` bytes may come to: never less than the most one call\n"
      "        came to, and for a request larger than those seen, the most per byte times its size (the\n"
      "        part of a charge that grows with the request's bytes).",
-     bound_params, "float", charges_bound},
-    {"learn", "_Charges.learn", nullptr, learn_charge_params, "None", charges_learn},
+     bound_params, "float", method<Own::_Charges, charges_bound>},
+    {"learn", "_Charges.learn", nullptr, learn_charge_params, "None", method<Own::_Charges, charges_learn>},
 };
 
 // RequestRates
@@ -60,49 +55,65 @@ Ref not_known(FunctionObject* fn) {
     return getattr(math.get(), name(fn, Name::inf));
 }
 
-Ref rates_init(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    Ref threading = global(fn, Name::threading);
-    set_field(fn, self, Name::_lock, call_method(threading.get(), name(fn, Name::Lock)).get());
-    set_field(fn, self, Name::_cost, call(global(fn, Name::_Charges).get()).get());
-    set_field(fn, self, Name::_tokens, call(global(fn, Name::_Charges).get()).get());
-    set_field(fn, self, Name::_features, own(PySet_New(nullptr)).get());
+Ref rates_init(Self& self) {
+    FunctionObject* fn = self.fn();
+    Ref lock = call_method(global(fn, Name::threading).get(), name(fn, Name::Lock));
+    self.refresh();
+    self.set(Name::_lock, lock.get());
+    for (Name measure : {Name::_cost, Name::_tokens}) {
+        Ref charges = call(global(fn, Name::_Charges).get());
+        self.refresh();
+        self.set(measure, charges.get());
+    }
+    self.set(Name::_features, own(PySet_New(nullptr)).get());
     return none();
 }
 
-Ref rates_cost(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    return holding(fn, get_field(fn, self, Name::_lock).get(), [&] {
-        Ref features = get_field(fn, self, Name::_features);
-        if (!check(PySequence_Contains(features.get(), args[2]))) {
-            return not_known(fn);
-        }
-        return call_method_of(fn, get_field(fn, self, Name::_cost).get(), Name::bound, args[1]);
+// `self.<measure>.bound(size)`
+Ref bound_of(FunctionObject* fn, Self& self, Name measure, PyObject* size) {
+    return Self(fn, self.get(measure).get(), Own::_Charges).call(Name::bound, charges_bound, size);
+}
+
+Ref rates_cost(Self& self, PyObject* size, PyObject* feature) {
+    FunctionObject* fn = self.fn();
+    return holding(fn, self.get(Name::_lock).get(), [&] {
+        self.refresh();
+        bool known = check(PySequence_Contains(self.get(Name::_features).get(), feature)) != 0;
+        self.refresh();  // a feature's own hash or comparison may be code of the caller's
+        return known ? bound_of(fn, self, Name::_cost, size) : not_known(fn);
     });
 }
 
-Ref rates_tokens(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    return holding(fn, get_field(fn, self, Name::_lock).get(), [&] {
+Ref rates_tokens(Self& self, PyObject* size) {
+    FunctionObject* fn = self.fn();
+    return holding(fn, self.get(Name::_lock).get(), [&] {
+        self.refresh();
         // Tokens grow with bytes whatever the feature: any paid reply makes them known.
-        if (!truthy(get_field(fn, self, Name::_features).get())) {
-            return not_known(fn);
-        }
-        return call_method_of(fn, get_field(fn, self, Name::_tokens).get(), Name::bound, args[1]);
+        return is_true(self.get(Name::_features).get()) ? bound_of(fn, self, Name::_tokens, size) : not_known(fn);
     });
 }
 
-Ref rates_learn(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* size = args[1];
-    PyObject* reply = args[3];
-    Holding lock(fn, get_field(fn, self, Name::_lock).get());
-    Ref features = get_field(fn, self, Name::_features);
-    call_method(features.get(), name(fn, Name::add), args[2]);
-    Ref cost = get_field(fn, self, Name::_cost);
-    call_method_of(fn, cost.get(), Name::learn, size, getattr(reply, name(fn, Name::cost)).get());
-    Ref tokens = get_field(fn, self, Name::_tokens);
-    call_method_of(fn, tokens.get(), Name::learn, size, getattr(reply, name(fn, Name::input_tokens)).get());
+// `self.<measure>.learn(size, reply.<paid>)`
+void learn_into(FunctionObject* fn, Self& self, Name measure, PyObject* size, PyObject* reply, Name paid) {
+    Ref charges = self.get(measure);
+    Ref charge = getattr(reply, name(fn, paid));
+    Self(fn, charges.get(), Own::_Charges).call(Name::learn, charges_learn, size, charge.get());
+    self.refresh();  // reading the reply may have run code of the caller's
+}
+
+Ref rates_learn(Self& self, PyObject* size, PyObject* feature, PyObject* reply) {
+    FunctionObject* fn = self.fn();
+    Holding lock(fn, self.get(Name::_lock).get());
+    self.refresh();
+    Ref features = self.get(Name::_features);
+    if (PySet_CheckExact(features.get())) {
+        check(PySet_Add(features.get(), feature));
+    } else {
+        call_method(features.get(), name(fn, Name::add), feature);
+    }
+    self.refresh();
+    learn_into(fn, self, Name::_cost, size, reply, Name::cost);
+    learn_into(fn, self, Name::_tokens, size, reply, Name::input_tokens);
     lock.leave();
     return none();
 }
@@ -113,16 +124,16 @@ constexpr Param tokens_params[] = {{"self", nullptr}, {"size", "int"}};
 constexpr Param learn_params[] = {{"self", nullptr}, {"size", "int"}, {"feature", "str"}, {"reply", "PaidReply"}};
 
 constexpr FunctionDef rates_methods[] = {
-    {"__init__", "RequestRates.__init__", nullptr, self_only, "None", rates_init},
+    {"__init__", "RequestRates.__init__", nullptr, self_only, "None", method<Own::RequestRates, rates_init>},
     {"cost", "RequestRates.cost",
      "The most a request of ``size`` bytes of ``feature`` may cost, USD; ``math.inf`` while\n"
      "        no reply of ``feature`` has been paid for.",
-     cost_params, "float", rates_cost},
+     cost_params, "float", method<Own::RequestRates, rates_cost>},
     {"tokens", "RequestRates.tokens",
      "The most input tokens a request of ``size`` bytes may use; ``math.inf`` while not\n        known.",
-     tokens_params, "float", rates_tokens},
+     tokens_params, "float", method<Own::RequestRates, rates_tokens>},
     {"learn", "RequestRates.learn", "Take in what a paid reply of ``feature`` to a request of ``size`` bytes cost.",
-     learn_params, "None", rates_learn},
+     learn_params, "None", method<Own::RequestRates, rates_learn>},
 };
 
 }  // namespace

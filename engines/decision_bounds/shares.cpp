@@ -1,35 +1,49 @@
 #include "shares.hpp"
 
+#include <cstddef>
+
 namespace decision_bounds {
 namespace {
 
 // Share
+//
+// A class of the module's own making rather than one made by `type()`: its instances carry the
+// ordinary attribute dict, as a Python class's do, but the module can make and free them cheaply.
+// A share is made and dropped for every admitted call, so the ones freed while nothing else refers
+// to them or to their dict are kept, dict and all, and made again from there.
+
+struct ShareObject {
+    PyObject_HEAD
+    PyObject* dict;
+    PyObject* weakrefs;
+};
+
+ShareObject* as_share(PyObject* self) { return reinterpret_cast<ShareObject*>(self); }
 
 constexpr const char* share_doc = R"doc(What one admitted call holds of a bound, given back exactly once: settled with the paid
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
     that holds it, whatever ended it: an error, a stop or an interrupt).)doc";
 
-Ref share_init(FunctionObject* fn, PyObject* const* args) {
-    setattr(args[0], name(fn, Name::_give_back), args[1]);
+Ref share_init(Self& self, PyObject* give_back) {
+    self.set(Name::_give_back, give_back);
     return none();
 }
 
-Ref share_settle(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
+Ref share_settle(Self& self, PyObject* reply) {
     // Read and cleared with nothing run between the two, so that no other settle can obtain the
     // callback, and the share counts as given back even if the callback raises.
-    Ref give_back = getattr(self, name(fn, Name::_give_back));
-    setattr(self, name(fn, Name::_give_back), Py_None);
+    Ref give_back = self.get(Name::_give_back);
+    self.set(Name::_give_back, Py_None);
     if (give_back.get() != Py_None) {
-        call(give_back.get(), args[1]);
+        call(give_back.get(), reply);
     }
     return none();
 }
 
 Ref share_enter(FunctionObject*, PyObject* const* args) { return Ref::borrow(args[0]); }
 
-Ref share_exit(FunctionObject* fn, PyObject* const* args) {
-    call_method(args[0], name(fn, Name::settle), Py_None);
+Ref share_exit(Self& self) {
+    self.call(Name::settle, share_settle, Py_None);
     return none();
 }
 
@@ -42,64 +56,197 @@ constexpr FunctionDef share_methods[] = {
     {"__init__", "Share.__init__",
      "Create a share.\n\n        Args:\n            give_back: Gives the share back to its bound, counting the reply "
      "(None: not paid).\n        ",
-     share_init_params, "None", share_init},
+     share_init_params, "None", method<Own::Share, share_init>},
     {"settle", "Share.settle",
      "Give the share back, counting ``reply`` (None: the call was not paid); a share given\n        back already "
      "is not given back again.",
-     share_settle_params, "None", share_settle},
+     share_settle_params, "None", method<Own::Share, share_settle>},
     {"__enter__", "Share.__enter__", nullptr, self_only, "Share", share_enter},
-    {"__exit__", "Share.__exit__", nullptr, share_exit_params, "None", share_exit},
+    {"__exit__", "Share.__exit__", nullptr, share_exit_params, "None", method<Own::Share, share_exit>},
 };
 
-// `Share(give_back)`: what `type.__call__` does for the class, without its argument tuple:
-// `object.__new__`, then `__init__` with the arguments as given, whose result must be None. Taken
-// only while `__new__` is `object`'s and `__init__` is this module's own; otherwise the class is
-// called as any class is. The module is reached through the class (`ht_module`, set at start-up).
+// The state of the module that made `type`, while that type is still its `Share`; null otherwise
+// (the module is being cleared).
+ModuleState* share_state(PyTypeObject* type) {
+    PyObject* module = reinterpret_cast<PyHeapTypeObject*>(type)->ht_module;
+    if (module == nullptr) {
+        return nullptr;
+    }
+    ModuleState& state = state_of(module);
+    return state.own[static_cast<int>(Own::Share)].type == type ? &state : nullptr;
+}
+
+// A share of the class as start-up left it, holding `give_back`: what `Share(give_back)` makes
+// (`object.__new__`, then `__init__`, which stores the callback in the new dict), from the pool
+// when it has one.
+Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
+    SharePool& pool = state.shares;
+    ShareObject* share;
+    if (pool.count > 0) {
+        share = as_share(pool.free[--pool.count]);
+        PyObject_Init(reinterpret_cast<PyObject*>(share), type);
+    } else {
+        share = PyObject_GC_New(ShareObject, type);
+        if (share == nullptr) {
+            raise_current();
+        }
+        share->dict = nullptr;
+        share->weakrefs = nullptr;
+    }
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(share));
+    if (share->dict == nullptr) {
+        share->dict = own(PyDict_New()).release();
+    }
+    check(PyDict_SetItem(share->dict, state.names[static_cast<int>(Name::_give_back)], give_back));
+    PyObject_GC_Track(share);
+    return result;
+}
+
+// Keeps a share that is being freed when it is of the class as start-up left it and nothing but the
+// share refers to its dict, which holds `_give_back` alone; the callback is let go of now, as
+// freeing the share would.
+bool keep_for_reuse(ShareObject* share) {
+    PyTypeObject* type = Py_TYPE(share);
+    ModuleState* state = share_state(type);
+    PyObject* dict = share->dict;
+    if (state == nullptr || state->shares.count == SharePool::capacity || dict == nullptr ||
+        !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
+        return false;
+    }
+    Py_ssize_t position = 0;
+    PyObject* key;
+    PyObject* value;
+    if (!PyDict_Next(dict, &position, &key, &value) || key != state->names[static_cast<int>(Name::_give_back)]) {
+        return false;
+    }
+    if (value != Py_None && PyDict_SetItem(dict, key, Py_None) < 0) {
+        PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(share));
+        return false;
+    }
+    // Letting go of the callback may have run code that filled the pool meanwhile.
+    if (state->shares.count == SharePool::capacity) {
+        return false;
+    }
+    state->shares.free[state->shares.count++] = reinterpret_cast<PyObject*>(share);
+    return true;
+}
+
+void share_dealloc(PyObject* self) noexcept {
+    PyTypeObject* type = Py_TYPE(self);
+    ShareObject* share = as_share(self);
+    PyObject_GC_UnTrack(self);
+    if (share->weakrefs != nullptr) {
+        PyObject_ClearWeakRefs(self);
+    }
+    // A subclass's instances are freed through here too; only the module's own class's are kept.
+    if (type->tp_dealloc == share_dealloc && keep_for_reuse(share)) {
+        Py_DECREF(type);
+        return;
+    }
+    Py_CLEAR(share->dict);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+int share_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(as_share(self)->dict);
+    return 0;
+}
+
+int share_clear(PyObject* self) noexcept {
+    Py_CLEAR(as_share(self)->dict);
+    return 0;
+}
+
+// `__weakref__` as a Python class has it.
+PyObject* share_weakrefs(PyObject* self, void*) noexcept {
+    PyObject* head = as_share(self)->weakrefs;
+    return Py_NewRef(head != nullptr ? head : Py_None);
+}
+
+PyGetSetDef share_getset[] = {
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, "dictionary for instance variables", nullptr},
+    {"__weakref__", share_weakrefs, nullptr, "list of weak references to the object", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef share_members[] = {
+    {"__dictoffset__", Py_T_PYSSIZET, offsetof(ShareObject, dict), Py_READONLY, nullptr},
+    {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(ShareObject, weakrefs), Py_READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyType_Slot share_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(share_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(share_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(share_clear)},
+    {Py_tp_getset, share_getset},
+    {Py_tp_members, share_members},
+    {0, nullptr},
+};
+
+PyType_Spec share_spec = {
+    .name = "engines.decision_bounds.Share",
+    .basicsize = sizeof(ShareObject),
+    .itemsize = 0,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
+    .slots = share_slots,
+};
+
+// `Share(...)`: a share from the pool for the usual call with the callback alone, while the class
+// is as start-up left it (so `__new__` is `object`'s and `__init__` the module's); any other call
+// goes through the class's ordinary call, `type.__call__`.
 PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
     auto* type = reinterpret_cast<PyTypeObject*>(cls);
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-    Py_ssize_t given = nargs + (kwnames ? PyTuple_GET_SIZE(kwnames) : 0);
-    PyObject* module = reinterpret_cast<PyHeapTypeObject*>(type)->ht_module;
-    PyObject* init = nullptr;
-    if (module != nullptr && type->tp_new == PyBaseObject_Type.tp_new && !(type->tp_flags & Py_TPFLAGS_IS_ABSTRACT) &&
-        given < max_params) {
-        ModuleState& state = state_of(module);
-        init = _PyType_Lookup(type, state.names[static_cast<int>(Name::__init__)]);
-        if (init != nullptr && (Py_TYPE(init) != state.function_type ||
-                                reinterpret_cast<FunctionObject*>(init)->def != &share_methods[0])) {
-            init = nullptr;
-        }
+    ModuleState* state = share_state(type);
+    if (state != nullptr && nargs == 1 && kwnames == nullptr &&
+        type->tp_version_tag == state->own[static_cast<int>(Own::Share)].version) {
+        return guarded([&] { return new_share(*state, type, args[0]); });
     }
     return guarded([&] {
-        if (init == nullptr) {
-            Ref positional = own(PyTuple_New(nargs));
-            for (Py_ssize_t i = 0; i < nargs; ++i) {
-                PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
+        Ref positional = own(PyTuple_New(nargs));
+        for (Py_ssize_t i = 0; i < nargs; ++i) {
+            PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
+        }
+        Ref keywords;
+        if (kwnames != nullptr) {
+            keywords = own(PyDict_New());
+            for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(kwnames); ++k) {
+                check(PyDict_SetItem(keywords.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
             }
-            Ref keywords;
-            if (kwnames != nullptr) {
-                keywords = own(PyDict_New());
-                for (Py_ssize_t k = 0; k < given - nargs; ++k) {
-                    check(PyDict_SetItem(keywords.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
-                }
-            }
-            return own(PyType_Type.tp_call(cls, positional.get(), keywords.get()));
         }
-        Ref init_ref = Ref::borrow(init);  // kept while it runs, whatever it does to the class
-        Ref empty = own(PyTuple_New(0));
-        Ref self = own(PyBaseObject_Type.tp_new(type, empty.get(), nullptr));
-        PyObject* argv[max_params + 1];
-        argv[0] = self.get();
-        for (Py_ssize_t i = 0; i < given; ++i) {
-            argv[i + 1] = args[i];
-        }
-        Ref result = own(PyObject_Vectorcall(init, argv, static_cast<size_t>(nargs + 1), kwnames));
-        if (result.get() != Py_None) {
-            PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.get())->tp_name);
-            raise_current();
-        }
-        return self;
+        return own(PyType_Type.tp_call(cls, positional.get(), keywords.get()));
     });
+}
+
+// Makes the class and gives its dict the entries, in the order, that a class statement would:
+// `__module__`, `__doc__`, the methods, then `__dict__` and `__weakref__`.
+Ref share_class(PyObject* module) {
+    Ref cls = own(PyType_FromMetaclass(nullptr, module, &share_spec, nullptr));
+    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+    // Named as a class statement names it (also in messages such as "'Share' object has no ...").
+    check(PyObject_SetAttrString(cls.get(), "__name__", text("Share").get()));
+    Ref dict = own(PyType_GetDict(type));
+    Ref instance_dict = own(PyMapping_GetItemString(dict.get(), "__dict__"));
+    Ref weakrefs = own(PyMapping_GetItemString(dict.get(), "__weakref__"));
+    PyDict_Clear(dict.get());
+    PyType_Modified(type);
+    auto set = [&](const char* key, const Ref& value) { check(PyObject_SetAttrString(cls.get(), key, value.get())); };
+    set("__module__", lookup(module, "__name__"));
+    set("__doc__", text(share_doc));
+    Ref defaults = own(PyTuple_Pack(1, lookup(module, "_nothing").get()));
+    set(share_methods[0].name, make_function(module, share_methods[0], defaults.get()));
+    for (const FunctionDef& method : std::span(share_methods).subspan(1)) {
+        set(method.name, make_function(module, method));
+    }
+    // Entries that no attribute assignment on a class can make: the descriptors of its instances.
+    check(PyDict_SetItemString(dict.get(), "__dict__", instance_dict.get()));
+    check(PyDict_SetItemString(dict.get(), "__weakref__", weakrefs.get()));
+    PyType_Modified(type);
+    type->tp_vectorcall = share_call;
+    return cls;
 }
 
 // _Held
@@ -107,77 +254,8 @@ PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObje
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
 
-
-Ref held_admits(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* share = args[1];
-    if (truthy(get_field(fn, self, Name::unbounded).get())) {
-        return boolean(false);
-    }
-    if (is_unbounded(fn, share) && truthy(get_field(fn, self, Name::holders).get())) {
-        return boolean(false);
-    }
-    Ref amount = get_field(fn, self, Name::amount);
-    PyObject* used = args[2];
-    PyObject* limit = args[3];
-    if (PyFloat_CheckExact(used) && PyFloat_CheckExact(amount.get()) && PyFloat_CheckExact(limit)) {
-        return boolean(PyFloat_AS_DOUBLE(used) + PyFloat_AS_DOUBLE(amount.get()) < PyFloat_AS_DOUBLE(limit));
-    }
-    Ref total = own(PyNumber_Add(used, amount.get()));
-    return own(PyObject_RichCompare(total.get(), limit, Py_LT));
-}
-
-// `self.<counter> += step`
-void add_to(FunctionObject* fn, PyObject* self, Name counter, PyObject* step) {
-    Ref value = get_field(fn, self, counter);
-    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step)) {
-        set_field(fn, self, counter, real(PyFloat_AS_DOUBLE(value.get()) + PyFloat_AS_DOUBLE(step)).get());
-        return;
-    }
-    set_field(fn, self, counter, own(PyNumber_InPlaceAdd(value.get(), step)).get());
-}
-
-// `self.<counter> = max(floor, self.<counter> - step)`
-void take_from(FunctionObject* fn, PyObject* self, Name counter, PyObject* step, const Ref& floor) {
-    Ref value = get_field(fn, self, counter);
-    if (PyFloat_CheckExact(value.get()) && PyFloat_CheckExact(step) && PyFloat_CheckExact(floor.get())) {
-        // As `max` keeps the floor unless the difference is greater (so also when it is not a number).
-        double less = PyFloat_AS_DOUBLE(value.get()) - PyFloat_AS_DOUBLE(step);
-        set_field(fn, self, counter, less > PyFloat_AS_DOUBLE(floor.get()) ? real(less).get() : floor.get());
-        return;
-    }
-    Ref less = own(PyNumber_Subtract(value.get(), step));
-    set_field(fn, self, counter, maximum(floor.get(), less.get()).get());
-}
-
-Ref held_take(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* share = args[1];
-    add_to(fn, self, Name::holders, integer(1).get());
-    if (is_unbounded(fn, share)) {
-        add_to(fn, self, Name::unbounded, integer(1).get());
-    } else {
-        add_to(fn, self, Name::amount, share);
-    }
-    return none();
-}
-
-Ref held_give_back(FunctionObject* fn, PyObject* const* args) {
-    PyObject* self = args[0];
-    PyObject* share = args[1];
-    take_from(fn, self, Name::holders, integer(1).get(), integer(0));
-    if (is_unbounded(fn, share)) {
-        take_from(fn, self, Name::unbounded, integer(1).get(), integer(0));
-    } else {
-        take_from(fn, self, Name::amount, share, Ref::borrow(state_of(fn).fast.zero));
-    }
-    // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
-    Ref holders = get_field(fn, self, Name::holders);
-    if (compare(holders.get(), integer(0).get(), Py_EQ)) {
-        set_field(fn, self, Name::amount, state_of(fn).fast.zero);
-    }
-    return none();
-}
+PyObject* zero_int(FunctionObject* fn) { return state_of(fn).fast.zero_int; }
+PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
 
 constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
 constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
@@ -186,9 +264,9 @@ constexpr FunctionDef held_methods[] = {
     {"admits", "_Held.admits",
      "Whether a call that would hold ``share`` may start: nothing unbounded is held, an\n        unbounded share is "
      "held by no other call, and ``used`` plus what is held is below\n        ``limit``.",
-     admits_params, "bool", held_admits},
-    {"take", "_Held.take", nullptr, share_params, "None", held_take},
-    {"give_back", "_Held.give_back", nullptr, share_params, "None", held_give_back},
+     admits_params, "bool", method<Own::_Held, held_admits>},
+    {"take", "_Held.take", nullptr, share_params, "None", method<Own::_Held, held_take>},
+    {"give_back", "_Held.give_back", nullptr, share_params, "None", method<Own::_Held, held_give_back>},
 };
 
 // _wait
@@ -198,21 +276,21 @@ Ref wait_body(FunctionObject* fn, PyObject* const* args) {
     PyObject* stopping = args[1];
     PyObject* deadline = args[2];
     PyObject* clock = args[3];
-    if (truthy(call(stopping).get())) {
+    if (is_true(call(stopping).get())) {
         raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
     }
     Ref timeout = global(fn, Name::_POLL_S);
     if (deadline != Py_None && clock != Py_None) {
         Ref now = call(clock);
-        Ref left = own(PyNumber_Subtract(deadline, now.get()));
-        if (compare(left.get(), integer(0).get(), Py_LE)) {
+        Ref left = subtract(deadline, now.get());
+        if (holds(left.get(), zero_int(fn), Py_LE)) {
             raise_error(fn, Name::DecisionTimeout,
                         "the decision call ran out of its deadline while the calls in flight held the rest of "
                         "the daily cost cap");
         }
         // `min(_POLL_S, left)`: the wait never runs past the deadline.
         Ref poll = global(fn, Name::_POLL_S);
-        timeout = compare(left.get(), poll.get(), Py_LT) ? left : poll;
+        timeout = holds(left.get(), poll.get(), Py_LT) ? left : poll;
     }
     call_method(changed, name(fn, Name::wait), timeout.get());
     return none();
@@ -234,6 +312,214 @@ constexpr FunctionDef wait_def = {
 
 }  // namespace
 
+bool share_amount(FunctionObject* fn, PyObject* share, bool* unbounded, double* amount) {
+    *amount = 0.0;
+    return isinf_directly(fn, share, unbounded) && (*unbounded || exact_float(share, amount));
+}
+
+HeldNumbers::HeldNumbers(const Self& held) : self_(held) {
+    // Its three fields and nothing else: then no method of the class is shadowed either.
+    if (!self_.standard() || self_.size() != 3) {
+        return;
+    }
+    PyObject* holders = self_.field(Name::holders);
+    PyObject* amount = self_.field(Name::amount);
+    PyObject* unbounded = self_.field(Name::unbounded);
+    // Counts far from the ends of 64 bits, so that adding or taking one cannot overflow.
+    constexpr long long most = 1LL << 53;
+    loaded_ = holders != nullptr && amount != nullptr && unbounded != nullptr && PyFloat_CheckExact(amount) &&
+              exact_int(holders, &holders_) && exact_int(unbounded, &unbounded_) && -most <= holders_ &&
+              holders_ <= most && -most <= unbounded_ && unbounded_ <= most;
+    amount_ = loaded_ ? PyFloat_AS_DOUBLE(amount) : 0.0;
+}
+
+bool HeldNumbers::admits(bool unbounded, double used, double limit) const {
+    if (unbounded_ != 0 || (unbounded && holders_ != 0)) {
+        return false;
+    }
+    return used + amount_ < limit;
+}
+
+void HeldNumbers::take(bool unbounded, double share) {
+    holders_ += 1;
+    changed_[0] = true;
+    if (unbounded) {
+        unbounded_ += 1;
+        changed_[2] = true;
+    } else {
+        amount_ += share;
+        amount_zeroed_ = false;
+        changed_[1] = true;
+    }
+}
+
+void HeldNumbers::give_back(bool unbounded, double share) {
+    // `max(0, n - 1)` keeps the 0 unless the difference is greater; `max(0.0, ...)` likewise, also
+    // when the difference is not a number.
+    holders_ = holders_ > 1 ? holders_ - 1 : 0;
+    changed_[0] = true;
+    if (unbounded) {
+        unbounded_ = unbounded_ > 1 ? unbounded_ - 1 : 0;
+        changed_[2] = true;
+    } else {
+        double less = amount_ - share;
+        amount_zeroed_ = !(less > 0.0);
+        amount_ = amount_zeroed_ ? 0.0 : less;
+        changed_[1] = true;
+    }
+    if (holders_ == 0) {
+        amount_ = 0.0;
+        amount_zeroed_ = true;
+        changed_[1] = true;
+    }
+}
+
+void HeldNumbers::store() const {
+    // The new values first: making one may fail, and then nothing is written.
+    Ref values[3];
+    if (changed_[0]) {
+        values[0] = own(PyLong_FromLongLong(holders_));
+    }
+    if (changed_[1]) {
+        values[1] = amount_zeroed_ ? Ref::borrow(state_of(self_.fn()).fast.zero) : real(amount_);
+    }
+    if (changed_[2]) {
+        values[2] = own(PyLong_FromLongLong(unbounded_));
+    }
+    static constexpr Name names[] = {Name::holders, Name::amount, Name::unbounded};
+    for (int i = 0; i < 3; ++i) {
+        if (values[i]) {
+            self_.store(names[i], values[i].get());
+        }
+    }
+}
+
+Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit) {
+    FunctionObject* fn = self.fn();
+    // At once in machine numbers for a standard `_Held` and exact amounts.
+    HeldNumbers numbers(self);
+    bool unbounded;
+    double amount;
+    double used_amount;
+    double limit_amount;
+    if (numbers && share_amount(fn, share, &unbounded, &amount) && exact_float(used, &used_amount) &&
+        exact_float(limit, &limit_amount)) {
+        return boolean(numbers.admits(unbounded, used_amount, limit_amount));
+    }
+    if (is_true(self.get(Name::unbounded).get())) {
+        return boolean(false);
+    }
+    if (is_unbounded(fn, share, self) && is_true(self.get(Name::holders).get())) {
+        return boolean(false);
+    }
+    Ref total = add(used, self.get(Name::amount).get());
+    return compared(total.get(), limit, Py_LT);
+}
+
+Ref held_take(Self& self, PyObject* share) {
+    FunctionObject* fn = self.fn();
+    HeldNumbers numbers(self);
+    bool unbounded;
+    double amount;
+    if (numbers && share_amount(fn, share, &unbounded, &amount)) {
+        numbers.take(unbounded, amount);
+        numbers.store();
+        return none();
+    }
+    self.add_to(Name::holders, one(fn));
+    if (is_unbounded(fn, share, self)) {
+        self.add_to(Name::unbounded, one(fn));
+    } else {
+        self.add_to(Name::amount, share);
+    }
+    return none();
+}
+
+Ref held_give_back(Self& self, PyObject* share) {
+    FunctionObject* fn = self.fn();
+    HeldNumbers numbers(self);
+    bool unbounded;
+    double amount;
+    if (numbers && share_amount(fn, share, &unbounded, &amount)) {
+        numbers.give_back(unbounded, amount);
+        numbers.store();
+        return none();
+    }
+    PyObject* zero = state_of(fn).fast.zero;
+    self.take_from(Name::holders, one(fn), zero_int(fn));
+    if (is_unbounded(fn, share, self)) {
+        self.take_from(Name::unbounded, one(fn), zero_int(fn));
+    } else {
+        self.take_from(Name::amount, share, zero);
+    }
+    // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
+    if (holds(self.get(Name::holders).get(), zero_int(fn), Py_EQ)) {
+        self.set(Name::amount, zero);
+    }
+    return none();
+}
+
+bool admits(FunctionObject* fn, PyObject* held, PyObject* share, PyObject* used, PyObject* limit) {
+    Self self(fn, held, Own::_Held);
+    if (HeldNumbers numbers(self); numbers) {
+        bool unbounded;
+        double amount;
+        double used_amount;
+        double limit_amount;
+        if (share_amount(fn, share, &unbounded, &amount) && exact_float(used, &used_amount) &&
+            exact_float(limit, &limit_amount)) {
+            return numbers.admits(unbounded, used_amount, limit_amount);
+        }
+    }
+    return is_true(self.call(Name::admits, held_admits, share, used, limit).get());
+}
+
+void take(FunctionObject* fn, PyObject* held, PyObject* share) {
+    Self self(fn, held, Own::_Held);
+    if (HeldNumbers numbers(self); numbers) {
+        bool unbounded;
+        double amount;
+        if (share_amount(fn, share, &unbounded, &amount)) {
+            numbers.take(unbounded, amount);
+            numbers.store();
+            return;
+        }
+    }
+    self.call(Name::take, held_take, share);
+}
+
+void give_back(FunctionObject* fn, PyObject* held, PyObject* share) {
+    Self self(fn, held, Own::_Held);
+    if (HeldNumbers numbers(self); numbers) {
+        bool unbounded;
+        double amount;
+        if (share_amount(fn, share, &unbounded, &amount)) {
+            numbers.give_back(unbounded, amount);
+            numbers.store();
+            return;
+        }
+    }
+    self.call(Name::give_back, held_give_back, share);
+}
+
+Ref make_share(FunctionObject* fn, PyObject* give_back) {
+    Ref cls = global(fn, Name::Share);
+    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+    if (is_own_class(fn, cls.get(), Own::Share)) {
+        return new_share(state_of(fn), type, give_back);
+    }
+    return call(cls.get(), give_back);
+}
+
+void clear_share_pool(ModuleState& state) {
+    SharePool& pool = state.shares;
+    while (pool.count > 0) {
+        ShareObject* share = as_share(pool.free[--pool.count]);
+        Py_CLEAR(share->dict);
+        PyObject_GC_Del(share);
+    }
+}
+
 Holding::Holding(FunctionObject* fn, PyObject* condition) : fn_(fn), condition_(Ref::borrow(condition)) {
     find_direct_lock(fn, condition, direct_);
     if (direct_) {
@@ -252,8 +538,6 @@ void Holding::leave() {
         call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
     }
 }
-
-void Holding::notify_all() { notify_all(condition_.get()); }
 
 void Holding::notify_all(PyObject* condition) {
     if (direct_ && condition == condition_.get() && nobody_waits(fn_, direct_, condition)) {
@@ -300,29 +584,20 @@ void raise_error(FunctionObject* fn, Name cls, const Ref& message) {
     raise_current();
 }
 
-bool is_unbounded(FunctionObject* fn, PyObject* value) {
+bool is_unbounded(FunctionObject* fn, PyObject* value, Self& self) {
     bool result;
     if (isinf_directly(fn, value, &result)) {
         return result;
     }
     Ref math = global(fn, Name::math);
     Ref isinf = getattr(math.get(), name(fn, Name::isinf));
-    return truthy(call(isinf.get(), value).get());
+    result = is_true(call(isinf.get(), value).get());
+    self.refresh();
+    return result;
 }
 
 void add_shares(PyObject* module) {
-    ClassBuilder share(module, "Share", share_doc);
-    Ref nothing = lookup(module, "_nothing");
-    Ref defaults = own(PyTuple_Pack(1, nothing.get()));
-    share.add(share_methods[0], defaults.get());
-    for (const FunctionDef& method : std::span(share_methods).subspan(1)) {
-        share.add(method);
-    }
-    Ref share_class = share.build();
-    auto* share_type = reinterpret_cast<PyHeapTypeObject*>(share_class.get());
-    Py_XSETREF(share_type->ht_module, Py_NewRef(module));
-    share_type->ht_type.tp_vectorcall = share_call;
-    bind(module, "Share", share_class);
+    bind(module, "Share", share_class(module));
 
     ClassBuilder held(module, "_Held", held_doc, {{"holders", "int"}, {"amount", "float"}, {"unbounded", "int"}});
     held.add("holders", integer(0));
