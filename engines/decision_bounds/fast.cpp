@@ -42,6 +42,24 @@ PyObject* item(PyObject* dict, PyObject* key) {
     return value;
 }
 
+// `dict[key]`, borrowed, or null when absent, looked for first at `place` in the dict's order (where
+// the code that filled the dict put it), then looked up.
+PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
+    PyObject* found;
+    PyObject* value;
+    if (PyDict_Next(dict, &place, &found, &value) && found == key) {
+        return value;
+    }
+    return item(dict, key);
+}
+
+// Where `threading.Condition.__init__` puts what the shortcuts read of a condition over the
+// reentrant lock: `_lock` first, then `acquire`, `release`, `_release_save`, `_acquire_restore`,
+// `_is_owned`, `_waiters`.
+constexpr Py_ssize_t lock_place = 0;
+constexpr Py_ssize_t is_owned_place = 5;
+constexpr Py_ssize_t waiters_place = 6;
+
 // Whether `type` is the standard condition class as the shortcuts expect it: its `with` block and
 // notifications are the standard methods, and no class attribute stands before the instance's own
 // `_lock`, `_waiters` and `_is_owned` (no data descriptor). Checked once per version of the class.
@@ -458,19 +476,7 @@ void Self::refresh() {
 }
 
 PyObject* Self::field(Name key) const {
-    PyObject* interned = name(fn_, key);
-    if (Py_ssize_t place = places[static_cast<size_t>(cls_)][static_cast<size_t>(key)]; place >= 0) {
-        PyObject* found;
-        PyObject* value;
-        if (PyDict_Next(dict_.get(), &place, &found, &value) && found == interned) {
-            return value;
-        }
-    }
-    PyObject* value = PyDict_GetItemWithError(dict_.get(), interned);
-    if (value == nullptr && PyErr_Occurred()) {
-        raise_current();
-    }
-    return value;
+    return item_at(dict_.get(), places[static_cast<size_t>(cls_)][static_cast<size_t>(key)], name(fn_, key));
 }
 
 bool Self::shadows(Name method) const { return has(dict_.get(), name(fn_, method)); }
@@ -574,7 +580,7 @@ void find_direct_lock(FunctionObject* fn, PyObject* condition, DirectLock& direc
         return;
     }
     PyObject* dict = instance_dict(condition);
-    PyObject* lock = dict ? item(dict, name(fn, Name::_lock)) : nullptr;
+    PyObject* lock = dict ? item_at(dict, lock_place, name(fn, Name::_lock)) : nullptr;
     if (lock == nullptr || Py_TYPE(lock) != fast.rlock_type) {
         return;
     }
@@ -601,11 +607,11 @@ bool nobody_waits(FunctionObject* fn, const DirectLock& direct, PyObject* condit
     if (dict == nullptr) {
         return false;
     }
-    PyObject* waiters = item(dict, name(fn, Name::_waiters));
+    PyObject* waiters = item_at(dict, waiters_place, name(fn, Name::_waiters));
     if (waiters == nullptr || Py_TYPE(waiters) != fast.deque_type || PyObject_Size(waiters) != 0) {
         return false;
     }
-    PyObject* is_owned = item(dict, name(fn, Name::_is_owned));
+    PyObject* is_owned = item_at(dict, is_owned_place, name(fn, Name::_is_owned));
     if (is_owned == nullptr || !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != fast.rlock_is_owned ||
         PyCFunction_GET_SELF(is_owned) != direct.lock) {
         return false;
