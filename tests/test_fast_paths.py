@@ -4,6 +4,7 @@ taken only for the standard objects, and anything else gets the plain calls as b
 import threading
 import time
 import types
+import weakref
 
 import pytest
 
@@ -131,3 +132,28 @@ def test_keyword_names_made_at_run_time_bind_by_value():
     assert held.admits(**dict(zip(names, (1.0, 2.0, 3.0)))) is True
     with pytest.raises(TypeError, match="unexpected keyword argument 'sharex'"):
         held.admits(**{"".join(("share", "x")): 1.0, "used": 2.0, "limit": 3.0})
+
+
+def test_names_rebound_after_use_are_the_ones_used(monkeypatch):
+    budget, daily = db.RunBudget(5, 1000), account()
+    budget.hold(1.0).settle(None)
+    settle_one(daily)  # the standard Share and functools.partial, found and remembered
+
+    class Recording(db.Share):
+        pass
+
+    made = []
+    monkeypatch.setattr(db, "Share", Recording)
+    monkeypatch.setattr(db, "functools", types.SimpleNamespace(partial=lambda *a: made.append(a) or (lambda r: None)))
+    assert type(budget.hold(1.0)) is Recording
+    share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
+    assert type(share) is Recording and made == [(daily._give_back, 1.0)]
+
+
+def test_a_freed_share_leaves_what_else_refers_to_alone():
+    callback = print
+    share = db.Share(callback)
+    kept_dict, ref = vars(share), weakref.ref(share)
+    del share
+    assert ref() is None and kept_dict == {"_give_back": callback}
+    assert all(vars(db.Share(len)) is not kept_dict for _ in range(100))
