@@ -13,50 +13,16 @@ constexpr int co_varargs = 0x4;
 
 FunctionObject* as_function(PyObject* self) { return reinterpret_cast<FunctionObject*>(self); }
 
-// How a definition's parameters divide into the kinds that the interpreter counts.
-struct Shape {
-    Py_ssize_t positional = 0;    // positional-or-keyword parameters, first in the definition
-    Py_ssize_t keyword_only = 0;  // after them
-    bool var_positional = false;  // a `*name` parameter, last
-};
-
-Shape shape_of(const FunctionDef& def) {
-    Shape shape;
-    for (const Param& p : def.params) {
-        switch (p.kind) {
-            case ParamKind::positional_or_keyword: ++shape.positional; break;
-            case ParamKind::keyword_only: ++shape.keyword_only; break;
-            case ParamKind::var_positional: shape.var_positional = true; break;
-        }
-    }
-    return shape;
-}
-
-// The named parameters in the order of the bound slots: positional ones, then keyword-only ones.
-const Param& named_param(const FunctionDef& def, const Shape& shape, Py_ssize_t slot) {
-    Py_ssize_t seen = 0;
-    bool keyword_only = slot >= shape.positional;
-    for (const Param& p : def.params) {
-        bool wanted = keyword_only ? p.kind == ParamKind::keyword_only
-                                   : p.kind == ParamKind::positional_or_keyword;
-        if (wanted && seen++ == (keyword_only ? slot - shape.positional : slot)) {
-            return p;
-        }
-    }
-    return def.params.front();  // not reached for a slot below the count
-}
-
 PyObject* qualname_of(FunctionObject* fn);
 
 // The `TypeError`s of argument binding, worded as the interpreter words them for a function.
 void raise_missing(FunctionObject* fn, const char* kind, PyObject* const* slots, Py_ssize_t from,
                    Py_ssize_t to, PyObject* kwdefaults_hit[]) {
     const FunctionDef& def = *fn->def;
-    Shape shape = shape_of(def);
     Ref names = own(PyList_New(0));
     for (Py_ssize_t i = from; i < to; ++i) {
         if (slots[i] == nullptr && (kwdefaults_hit == nullptr || kwdefaults_hit[i] == nullptr)) {
-            Ref param = text(named_param(def, shape, i).name);
+            Ref param = text(def.named[i]->name);
             check(PyList_Append(names.get(), own(PyObject_Repr(param.get())).get()));
         }
     }
@@ -117,28 +83,13 @@ bool equals_ascii(PyObject* text, const char* ascii) {
     return PyUnicode_CompareWithASCIIString(text, ascii) == 0;
 }
 
-// The named parameters in the order of the bound slots, listed once per binding.
-struct Named {
-    const Param* params[max_params];
-    Py_ssize_t count = 0;
-
-    Named(const FunctionDef& def) {
-        for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
-            for (const Param& p : def.params) {
-                if (p.kind == kind) {
-                    params[count++] = &p;
-                }
-            }
-        }
-    }
-};
-
 // The interned names of the named parameters, in slot order, made once per function.
-PyObject* keywords_of(FunctionObject* fn, const Named& named) {
+PyObject* keywords_of(FunctionObject* fn) {
     if (fn->keywords == nullptr) {
-        Ref names = own(PyTuple_New(named.count));
-        for (Py_ssize_t i = 0; i < named.count; ++i) {
-            PyTuple_SET_ITEM(names.get(), i, own(PyUnicode_InternFromString(named.params[i]->name)).release());
+        const FunctionDef& def = *fn->def;
+        Ref names = own(PyTuple_New(def.named_count()));
+        for (Py_ssize_t i = 0; i < def.named_count(); ++i) {
+            PyTuple_SET_ITEM(names.get(), i, own(PyUnicode_InternFromString(def.named[i]->name)).release());
         }
         fn->keywords = names.release();
     }
@@ -147,15 +98,16 @@ PyObject* keywords_of(FunctionObject* fn, const Named& named) {
 
 // Finds the slot of a keyword argument, or -1: by identity first, as the interpreter does, since
 // the names a call passes are interned as the parameters' are; then by value.
-Py_ssize_t slot_of_keyword(FunctionObject* fn, const Named& named, PyObject* keyword) {
-    PyObject* names = keywords_of(fn, named);
-    for (Py_ssize_t i = 0; i < named.count; ++i) {
+Py_ssize_t slot_of_keyword(FunctionObject* fn, PyObject* keyword) {
+    PyObject* names = keywords_of(fn);
+    Py_ssize_t count = fn->def->named_count();
+    for (Py_ssize_t i = 0; i < count; ++i) {
         if (PyTuple_GET_ITEM(names, i) == keyword) {
             return i;
         }
     }
-    for (Py_ssize_t i = 0; i < named.count; ++i) {
-        if (equals_ascii(keyword, named.params[i]->name)) {
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        if (equals_ascii(keyword, fn->def->named[i]->name)) {
             return i;
         }
     }
@@ -184,9 +136,8 @@ PyObject* keyword_default(PyObject* kwdefaults, const char* param) {
 void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                     PyObject** slots, Ref* owned) {
     const FunctionDef& def = *fn->def;
-    Shape shape = shape_of(def);
-    Named order(def);
-    Py_ssize_t named = shape.positional + shape.keyword_only;
+    const Shape& shape = def.shape;
+    Py_ssize_t named = def.named_count();
     Py_ssize_t taken = nargs < shape.positional ? nargs : shape.positional;
     for (Py_ssize_t i = 0; i < taken; ++i) {
         slots[i] = args[i];
@@ -197,7 +148,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
     Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < nkw; ++k) {
         PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
-        Py_ssize_t i = slot_of_keyword(fn, order, keyword);
+        Py_ssize_t i = slot_of_keyword(fn, keyword);
         if (i < 0) {
             PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname_of(fn), keyword);
             raise_current();
@@ -235,7 +186,7 @@ void bind_arguments(FunctionObject* fn, PyObject* const* args, Py_ssize_t nargs,
         bool missing = false;
         for (Py_ssize_t i = shape.positional; i < named; ++i) {
             if (slots[i] == nullptr) {
-                found[i] = keyword_default(fn->kwdefaults, order.params[i]->name);
+                found[i] = keyword_default(fn->kwdefaults, def.named[i]->name);
                 missing = missing || found[i] == nullptr;
             }
         }
@@ -350,7 +301,7 @@ Ref code_of(FunctionObject* fn) {
         return Ref::borrow(fn->code);
     }
     const FunctionDef& def = *fn->def;
-    Shape shape = shape_of(def);
+    const Shape& shape = def.shape;
     PyObject* file = PyDict_GetItemWithError(fn->globals, name(fn, Name::__file__));
     if (file == nullptr && PyErr_Occurred()) {
         raise_current();
@@ -359,8 +310,8 @@ Ref code_of(FunctionObject* fn) {
     Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(filename.get()), def.name, 1)));
     Ref varnames = own(PyTuple_New(static_cast<Py_ssize_t>(def.params.size())));
     Py_ssize_t index = 0;
-    for (Py_ssize_t i = 0; i < shape.positional + shape.keyword_only; ++i) {
-        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(named_param(def, shape, i).name)).release());
+    for (Py_ssize_t i = 0; i < def.named_count(); ++i) {
+        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(def.named[i]->name)).release());
     }
     if (shape.var_positional) {
         PyTuple_SET_ITEM(varnames.get(), index, own(PyUnicode_FromString(def.params.back().name)).release());

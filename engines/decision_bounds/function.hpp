@@ -28,6 +28,16 @@ struct ModuleState;
 // definition (extra positional arguments for a `*name` parameter are not passed on: no body uses them).
 using Body = Ref (*)(FunctionObject* self, PyObject* const* args);
 
+// The most named parameters a definition may have.
+inline constexpr Py_ssize_t max_params = 8;
+
+// How a definition's parameters divide into the kinds that the interpreter counts.
+struct Shape {
+    Py_ssize_t positional = 0;    // positional-or-keyword parameters, first in the definition
+    Py_ssize_t keyword_only = 0;  // after them
+    bool var_positional = false;  // a `*name` parameter, last
+};
+
 struct FunctionDef {
     const char* name;
     const char* qualname;
@@ -35,10 +45,33 @@ struct FunctionDef {
     std::span<const Param> params;
     const char* returns;  // the return annotation's text; null: not annotated
     Body body;
-};
+    // Worked out once from `params`: their kinds counted, and the named ones in the order of the
+    // bound slots (positional ones, then keyword-only ones).
+    Shape shape;
+    const Param* named[max_params] = {};
 
-// The most named parameters a definition may have.
-inline constexpr Py_ssize_t max_params = 8;
+    constexpr FunctionDef(const char* name, const char* qualname, const char* doc, std::span<const Param> params,
+                          const char* returns, Body body)
+        : name(name), qualname(qualname), doc(doc), params(params), returns(returns), body(body) {
+        for (const Param& p : params) {
+            switch (p.kind) {
+                case ParamKind::positional_or_keyword: ++shape.positional; break;
+                case ParamKind::keyword_only: ++shape.keyword_only; break;
+                case ParamKind::var_positional: shape.var_positional = true; break;
+            }
+        }
+        Py_ssize_t slot = 0;
+        for (ParamKind kind : {ParamKind::positional_or_keyword, ParamKind::keyword_only}) {
+            for (const Param& p : params) {
+                if (p.kind == kind) {
+                    named[slot++] = &p;
+                }
+            }
+        }
+    }
+
+    Py_ssize_t named_count() const { return shape.positional + shape.keyword_only; }
+};
 
 struct FunctionObject {
     PyObject_HEAD
