@@ -1,10 +1,8 @@
 #include "fast.hpp"
 
-#include <array>
 #include <cmath>
 #include <iterator>
 #include <memory>
-#include <span>
 #include <vector>
 
 namespace decision_bounds {
@@ -40,17 +38,6 @@ PyObject* item(PyObject* dict, PyObject* key) {
         raise_current();
     }
     return value;
-}
-
-// `dict[key]`, borrowed, or null when absent, looked for first at `place` in the dict's order (where
-// the code that filled the dict put it), then looked up.
-PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
-    PyObject* found;
-    PyObject* value;
-    if (PyDict_Next(dict, &place, &found, &value) && found == key) {
-        return value;
-    }
-    return item(dict, key);
 }
 
 // Where `threading.Condition.__init__` puts what the shortcuts read of a condition over the
@@ -191,38 +178,6 @@ Ref combine_numbers(PyObject* a, PyObject* b, Operation operation) {
         default: return q == 0.0 ? Ref() : real(p / q);
     }
 }
-
-// The fields of each of the module's classes, in the order its code stores them in a new instance's
-// dict: where a field is usually found, which a read tries first.
-constexpr Name share_fields[] = {Name::_give_back};
-constexpr Name held_fields[] = {Name::holders, Name::amount, Name::unbounded};
-constexpr Name charges_fields[] = {Name::per_byte, Name::per_call};
-constexpr Name rates_fields[] = {Name::_lock, Name::_cost, Name::_tokens, Name::_features};
-constexpr Name budget_fields[] = {Name::max_calls,   Name::max_tokens, Name::calls,       Name::input_tokens,
-                                  Name::cost,        Name::cache_hits, Name::in_flight,   Name::should_stop,
-                                  Name::_held_tokens, Name::_changed};
-constexpr Name daily_fields[] = {Name::_cap,  Name::_today, Name::_ledger, Name::_changed,
-                                 Name::_held, Name::_day,   Name::_cost,   Name::_capped};
-constexpr std::span<const Name> own_fields[] = {share_fields,  held_fields,   charges_fields,
-                                                rates_fields,  budget_fields, daily_fields};
-static_assert(std::size(own_fields) == static_cast<size_t>(Own::count));
-
-constexpr int name_count = static_cast<int>(Name::count);
-using Places = std::array<std::array<signed char, name_count>, static_cast<size_t>(Own::count)>;
-
-constexpr Places make_places() {
-    Places places{};
-    for (size_t cls = 0; cls < places.size(); ++cls) {
-        places[cls].fill(-1);
-        for (size_t i = 0; i < own_fields[cls].size(); ++i) {
-            places[cls][static_cast<size_t>(own_fields[cls][i])] = static_cast<signed char>(i);
-        }
-    }
-    return places;
-}
-
-// Where each field of each class usually is in an instance's dict; -1 for what is no field.
-constexpr Places places = make_places();
 
 // The states that watch each dict, in one interpreter. A dict watcher's callback is told only which
 // dict changed, so the interpreter's own dict keeps this, under a key of the module's.
@@ -453,30 +408,26 @@ void clear_fast_paths(ModuleState& state) {
 
 // Self
 
-bool is_own_class(FunctionObject* fn, PyObject* cls, Own which) {
-    const OwnClass& own = state_of(fn).own[static_cast<int>(which)];
-    auto* type = reinterpret_cast<PyTypeObject*>(cls);
-    // Any change to a class takes its version away (and a later one gives it another).
-    return type == own.type && own.version != 0 && type->tp_version_tag == own.version;
+PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
+    PyObject* found;
+    PyObject* value;
+    if (PyDict_Next(dict, &place, &found, &value) && found == key) {
+        return value;
+    }
+    return item(dict, key);
 }
 
-bool is_own(FunctionObject* fn, PyObject* object, Own cls) {
-    return is_own_class(fn, reinterpret_cast<PyObject*>(Py_TYPE(object)), cls);
-}
-
-void Self::refresh() {
+void Self::reload() {
     dict_ = Ref();
+    slot_ = nullptr;
     if (!is_own(fn_, object_, cls_)) {
         return;
     }
-    PyObject** dict = _PyObject_GetDictPtr(object_);
-    if (dict != nullptr && *dict != nullptr && PyDict_CheckExact(*dict)) {
-        dict_ = Ref::borrow(*dict);
+    PyObject** slot = _PyObject_GetDictPtr(object_);
+    if (slot != nullptr && *slot != nullptr && PyDict_CheckExact(*slot)) {
+        slot_ = slot;
+        dict_ = Ref::borrow(*slot);
     }
-}
-
-PyObject* Self::field(Name key) const {
-    return item_at(dict_.get(), places[static_cast<size_t>(cls_)][static_cast<size_t>(key)], name(fn_, key));
 }
 
 bool Self::shadows(Name method) const { return has(dict_.get(), name(fn_, method)); }

@@ -5,6 +5,9 @@
 // change how fast a method runs, never what it does.
 #pragma once
 
+#include <array>
+#include <iterator>
+#include <span>
 #include <utility>
 
 #include "module.hpp"
@@ -19,10 +22,60 @@ void remember_own_classes(PyObject* module);
 int traverse_fast_paths(ModuleState& state, visitproc visit, void* arg);
 void clear_fast_paths(ModuleState& state);
 
-// Whether `cls` is the module's class `which`, unchanged since start-up.
-bool is_own_class(FunctionObject* fn, PyObject* cls, Own which);
+// Whether `cls` is the module's class `which`, unchanged since start-up (any change to a class
+// takes its version away, and a later one gives it another).
+inline bool is_own_class(FunctionObject* fn, PyObject* cls, Own which) {
+    const OwnClass& own = state_of(fn).own[static_cast<int>(which)];
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
+    return type == own.type && own.version != 0 && type->tp_version_tag == own.version;
+}
 // Whether `object` is exactly an instance of the module's class `cls`, unchanged since start-up.
-bool is_own(FunctionObject* fn, PyObject* object, Own cls);
+inline bool is_own(FunctionObject* fn, PyObject* object, Own cls) {
+    return is_own_class(fn, reinterpret_cast<PyObject*>(Py_TYPE(object)), cls);
+}
+
+namespace fields {
+
+// The fields of each of the module's classes, in the order its code stores them in a new instance's
+// dict: where a field is usually found, which a read tries first.
+inline constexpr Name share[] = {Name::_give_back};
+inline constexpr Name held[] = {Name::holders, Name::amount, Name::unbounded};
+inline constexpr Name charges[] = {Name::per_byte, Name::per_call};
+inline constexpr Name rates[] = {Name::_lock, Name::_cost, Name::_tokens, Name::_features};
+inline constexpr Name budget[] = {Name::max_calls, Name::max_tokens, Name::calls,       Name::input_tokens,
+                                  Name::cost,      Name::cache_hits, Name::in_flight,   Name::should_stop,
+                                  Name::_held_tokens, Name::_changed};
+inline constexpr Name daily[] = {Name::_cap,  Name::_today, Name::_ledger, Name::_changed,
+                                 Name::_held, Name::_day,   Name::_cost,   Name::_capped};
+inline constexpr std::span<const Name> of_class[] = {share, held, charges, rates, budget, daily};
+static_assert(std::size(of_class) == static_cast<size_t>(Own::count));
+
+using Places = std::array<std::array<signed char, static_cast<size_t>(Name::count)>, static_cast<size_t>(Own::count)>;
+
+constexpr Places make_places() {
+    Places places{};
+    for (size_t cls = 0; cls < places.size(); ++cls) {
+        places[cls].fill(-1);
+        for (size_t i = 0; i < of_class[cls].size(); ++i) {
+            places[cls][static_cast<size_t>(of_class[cls][i])] = static_cast<signed char>(i);
+        }
+    }
+    return places;
+}
+
+inline constexpr Places places = make_places();
+
+}  // namespace fields
+
+// Where each field of each of the module's classes usually is in an instance's dict (the order its
+// code stores them in a new instance), or -1 for a name that is no field of the class.
+inline int place_of(Own cls, Name key) {
+    return fields::places[static_cast<size_t>(cls)][static_cast<size_t>(key)];
+}
+
+// `dict[key]`, borrowed, or null when absent: looked for first at `place` in the dict's order, then
+// looked up. Raises what the lookup raises.
+PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key);
 
 // `self` in a method of one of the module's classes: `self.<name>` read, written and called as the
 // Python body of the method would, and straight in the object's dict while the object is exactly
@@ -33,17 +86,22 @@ bool is_own(FunctionObject* fn, PyObject* object, Own cls);
 // out. `call` refreshes after the method it calls.
 class Self {
 public:
-    Self(FunctionObject* fn, PyObject* object, Own cls) : fn_(fn), object_(object), cls_(cls) { refresh(); }
+    Self(FunctionObject* fn, PyObject* object, Own cls) : fn_(fn), object_(object), cls_(cls) { reload(); }
 
     PyObject* object() const noexcept { return object_; }
     // Whether the shortcuts apply (the object is exactly of its class, unchanged, with its dict).
     bool standard() const noexcept { return static_cast<bool>(dict_); }
-    void refresh();
+    void refresh() {
+        // Still of its class, unchanged, with the same dict in its slot: nothing to do.
+        if (!(dict_ && *slot_ == dict_.get() && is_own(fn_, object_, cls_))) {
+            reload();
+        }
+    }
 
     // For the direct paths, which run only while `standard()`: the value of a field, borrowed from
     // the dict (read where the class's code stores it), or null when the dict has none; whether
     // the dict has an entry that shadows one of the class's methods; how many entries it has.
-    PyObject* field(Name key) const;
+    PyObject* field(Name key) const { return item_at(dict_.get(), place_of(cls_, key), name(fn_, key)); }
     bool shadows(Name method) const;
     Py_ssize_t size() const { return PyDict_GET_SIZE(dict_.get()); }
     void store(Name key, PyObject* value) const { check(PyDict_SetItem(dict_.get(), name(fn_, key), value)); }
@@ -68,9 +126,12 @@ public:
     FunctionObject* fn() const noexcept { return fn_; }
 
 private:
+    void reload();
+
     FunctionObject* fn_;
     PyObject* object_;
     Own cls_;
+    PyObject** slot_ = nullptr;  // where the object keeps its dict
     Ref dict_;  // the object's dict while the shortcuts apply; kept alive, whatever replaces it
 };
 

@@ -112,9 +112,9 @@ Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
     return result;
 }
 
-// Keeps a share that is being freed when it is of the class as start-up left it and nothing but the
-// share refers to its dict, which holds `_give_back` alone; the callback is let go of now, as
-// freeing the share would.
+// Keeps a share that is being freed when it is of the module's own class (not a subclass) and
+// nothing but the share refers to its dict, which holds `_give_back` alone; the callback is let go
+// of now, as freeing the share would.
 bool keep_for_reuse(ShareObject* share) {
     PyTypeObject* type = Py_TYPE(share);
     ModuleState* state = share_state(type);
@@ -130,7 +130,7 @@ bool keep_for_reuse(ShareObject* share) {
         return false;
     }
     if (value != Py_None && PyDict_SetItem(dict, key, Py_None) < 0) {
-        PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(share));
+        PyErr_WriteUnraisable(nullptr);  // not the share: it is being freed
         return false;
     }
     // Letting go of the callback may have run code that filled the pool meanwhile.
@@ -513,11 +513,12 @@ void give_back(FunctionObject* fn, PyObject* held, PyObject* share) {
 }
 
 Ref make_share(FunctionObject* fn, PyObject* give_back) {
-    Ref cls = global(fn, Name::Share);
-    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
-    if (is_own_class(fn, cls.get(), Own::Share)) {
-        return new_share(state_of(fn), type, give_back);
+    ModuleState& state = state_of(fn);
+    PyObject* own_class = reinterpret_cast<PyObject*>(state.own[static_cast<int>(Own::Share)].type);
+    if (standard_share(fn) && is_own_class(fn, own_class, Own::Share)) {
+        return new_share(state, reinterpret_cast<PyTypeObject*>(own_class), give_back);
     }
+    Ref cls = global(fn, Name::Share);
     return call(cls.get(), give_back);
 }
 
