@@ -102,3 +102,18 @@ def test_settled_by_many_threads_the_callback_runs_once():
         for t in threads:
             t.join(timeout=5)
         assert callback.calls == ["reply"]
+
+
+def test_the_class_combines_and_copies_as_a_class_statement_would():
+    import copy
+    import pickle
+
+    class Counted(db.Share, int):  # another base with a layout of its own, as for a Python class
+        pass
+
+    both = Counted(7)
+    assert both == 7 and vars(both) == {"_give_back": 7}
+    share = db.Share(print)
+    twin = copy.copy(share)
+    assert type(twin) is db.Share and vars(twin) == vars(share) and vars(twin) is not vars(share)
+    assert vars(pickle.loads(pickle.dumps(db.Share(None)))) == {"_give_back": None}

@@ -1,24 +1,27 @@
 #include "shares.hpp"
 
-#include <cstddef>
-
 namespace decision_bounds {
 namespace {
 
 // Share
 //
-// A class of the module's own making rather than one made by `type()`: its instances carry the
-// ordinary attribute dict, as a Python class's do, but the module can make and free them cheaply.
-// A share is made and dropped for every admitted call, so the ones freed while nothing else refers
-// to them or to their dict are kept, dict and all, and made again from there.
+// A class of the module's own making rather than one made by `type()`, laid out as a Python class
+// is: its instances keep their attribute dict and their weak references in the space the
+// interpreter manages before the object, so its instances are the size of `object`'s and it
+// combines with other bases as a class statement's class would. The module can make and free its
+// instances cheaply: a share is made and dropped for every admitted call, so the ones freed while
+// nothing else refers to them or to their dict are kept, dict and all, and made again from there.
 
-struct ShareObject {
-    PyObject_HEAD
-    PyObject* dict;
-    PyObject* weakrefs;
-};
+// The share's attribute dict (made from its inline values if it had none yet), or null.
+PyObject* dict_of(PyObject* share) {
+    PyObject** slot = _PyObject_GetDictPtr(share);
+    return slot != nullptr ? *slot : nullptr;
+}
 
-ShareObject* as_share(PyObject* self) { return reinterpret_cast<ShareObject*>(self); }
+// The head of the share's list of weak references: where the class says it keeps it.
+PyObject** weakrefs_of(PyObject* share) {
+    return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(share) + Py_TYPE(share)->tp_weaklistoffset);
+}
 
 constexpr const char* share_doc = R"doc(What one admitted call holds of a bound, given back exactly once: settled with the paid
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
@@ -91,34 +94,31 @@ ModuleState* share_state(PyTypeObject* type) {
 // when it has one.
 Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
     SharePool& pool = state.shares;
-    ShareObject* share;
+    Ref share;
     if (pool.count > 0) {
-        share = as_share(pool.free[--pool.count]);
-        PyObject_Init(reinterpret_cast<PyObject*>(share), type);
+        share = Ref::steal(PyObject_Init(pool.free[--pool.count], type));
+        Py_DECREF(type);  // the pool's own reference to the class, now the share's
     } else {
-        share = PyObject_GC_New(ShareObject, type);
-        if (share == nullptr) {
-            raise_current();
-        }
-        share->dict = nullptr;
-        share->weakrefs = nullptr;
+        share = own(PyBaseObject_Type.tp_new(type, state.fast.empty_tuple, nullptr));
     }
-    Ref result = Ref::steal(reinterpret_cast<PyObject*>(share));
-    if (share->dict == nullptr) {
-        share->dict = own(PyDict_New()).release();
+    PyObject* dict = dict_of(share.get());
+    if (dict == nullptr) {
+        PyErr_NoMemory();  // making the dict of the inline values failed
+        raise_current();
     }
-    check(PyDict_SetItem(share->dict, state.names[static_cast<int>(Name::_give_back)], give_back));
-    PyObject_GC_Track(share);
-    return result;
+    check(PyDict_SetItem(dict, state.names[static_cast<int>(Name::_give_back)], give_back));
+    if (!PyObject_GC_IsTracked(share.get())) {
+        PyObject_GC_Track(share.get());
+    }
+    return share;
 }
 
 // Keeps a share that is being freed when it is of the module's own class (not a subclass) and
 // nothing but the share refers to its dict, which holds `_give_back` alone; the callback is let go
 // of now, as freeing the share would.
-bool keep_for_reuse(ShareObject* share) {
-    PyTypeObject* type = Py_TYPE(share);
-    ModuleState* state = share_state(type);
-    PyObject* dict = share->dict;
+bool keep_for_reuse(PyObject* share) {
+    ModuleState* state = share_state(Py_TYPE(share));
+    PyObject* dict = state != nullptr ? dict_of(share) : nullptr;
     if (state == nullptr || state->shares.count == SharePool::capacity || dict == nullptr ||
         !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
         return false;
@@ -137,41 +137,39 @@ bool keep_for_reuse(ShareObject* share) {
     if (state->shares.count == SharePool::capacity) {
         return false;
     }
-    state->shares.free[state->shares.count++] = reinterpret_cast<PyObject*>(share);
+    // The pooled share keeps its reference to its class: freeing it later needs the class.
+    state->shares.free[state->shares.count++] = share;
     return true;
 }
 
 void share_dealloc(PyObject* self) noexcept {
     PyTypeObject* type = Py_TYPE(self);
-    ShareObject* share = as_share(self);
     PyObject_GC_UnTrack(self);
-    if (share->weakrefs != nullptr) {
+    if (*weakrefs_of(self) != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
     // A subclass's instances are freed through here too; only the module's own class's are kept.
-    if (type->tp_dealloc == share_dealloc && keep_for_reuse(share)) {
-        Py_DECREF(type);
+    if (type->tp_dealloc == share_dealloc && keep_for_reuse(self)) {
         return;
     }
-    Py_CLEAR(share->dict);
+    _PyObject_ClearManagedDict(self);
     type->tp_free(self);
     Py_DECREF(type);
 }
 
 int share_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(Py_TYPE(self));
-    Py_VISIT(as_share(self)->dict);
-    return 0;
+    return _PyObject_VisitManagedDict(self, visit, arg);
 }
 
 int share_clear(PyObject* self) noexcept {
-    Py_CLEAR(as_share(self)->dict);
+    _PyObject_ClearManagedDict(self);
     return 0;
 }
 
 // `__weakref__` as a Python class has it.
 PyObject* share_weakrefs(PyObject* self, void*) noexcept {
-    PyObject* head = as_share(self)->weakrefs;
+    PyObject* head = *weakrefs_of(self);
     return Py_NewRef(head != nullptr ? head : Py_None);
 }
 
@@ -181,26 +179,20 @@ PyGetSetDef share_getset[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-PyMemberDef share_members[] = {
-    {"__dictoffset__", Py_T_PYSSIZET, offsetof(ShareObject, dict), Py_READONLY, nullptr},
-    {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(ShareObject, weakrefs), Py_READONLY, nullptr},
-    {nullptr, 0, 0, 0, nullptr},
-};
-
 PyType_Slot share_slots[] = {
     {Py_tp_dealloc, reinterpret_cast<void*>(share_dealloc)},
     {Py_tp_traverse, reinterpret_cast<void*>(share_traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(share_clear)},
     {Py_tp_getset, share_getset},
-    {Py_tp_members, share_members},
     {0, nullptr},
 };
 
 PyType_Spec share_spec = {
     .name = "engines.decision_bounds.Share",
-    .basicsize = sizeof(ShareObject),
+    .basicsize = sizeof(PyObject),
     .itemsize = 0,
-    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_DICT |
+             Py_TPFLAGS_MANAGED_WEAKREF,
     .slots = share_slots,
 };
 
@@ -525,9 +517,11 @@ Ref make_share(FunctionObject* fn, PyObject* give_back) {
 void clear_share_pool(ModuleState& state) {
     SharePool& pool = state.shares;
     while (pool.count > 0) {
-        ShareObject* share = as_share(pool.free[--pool.count]);
-        Py_CLEAR(share->dict);
+        PyObject* share = pool.free[--pool.count];
+        PyTypeObject* type = Py_TYPE(share);
+        _PyObject_ClearManagedDict(share);
         PyObject_GC_Del(share);
+        Py_DECREF(type);
     }
 }
 
