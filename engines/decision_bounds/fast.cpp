@@ -476,40 +476,44 @@ void Self::take_from(Name field, PyObject* step, PyObject* floor) {
 
 // What the namespace holds.
 
-bool standard_isinf(FunctionObject* fn) {
+namespace {
+
+// Whether `fact` holds: known when remembered, else found by `find()`, and then remembered as long
+// as changes to the namespace are reported.
+template <typename Find>
+bool remembered(FunctionObject* fn, bool NamespaceFacts::*fact, Find find) {
     NamespaceFacts& facts = state_of(fn).facts;
-    if (!facts.math_isinf) {
-        const FastPaths& fast = state_of(fn).fast;
-        if (!standard_attribute(fn, Name::math, fast.math_module, Name::isinf, fast.math_isinf)) {
-            return false;
-        }
-        facts.math_isinf = facts.watched;
+    if (facts.*fact) {
+        return true;
     }
+    if (!find()) {
+        return false;
+    }
+    facts.*fact = facts.watched;
     return true;
+}
+
+}  // namespace
+
+bool standard_isinf(FunctionObject* fn) {
+    const FastPaths& fast = state_of(fn).fast;
+    return remembered(fn, &NamespaceFacts::math_isinf, [&] {
+        return standard_attribute(fn, Name::math, fast.math_module, Name::isinf, fast.math_isinf);
+    });
 }
 
 bool standard_share(FunctionObject* fn) {
-    ModuleState& state = state_of(fn);
-    if (!state.facts.share) {
-        PyObject* share = reinterpret_cast<PyObject*>(state.own[static_cast<int>(Own::Share)].type);
-        if (share == nullptr || entry(fn->globals, name(fn, Name::Share)) != share) {
-            return false;
-        }
-        state.facts.share = state.facts.watched;
-    }
-    return true;
+    PyObject* share = reinterpret_cast<PyObject*>(state_of(fn).own[static_cast<int>(Own::Share)].type);
+    return remembered(fn, &NamespaceFacts::share, [&] {
+        return share != nullptr && entry(fn->globals, name(fn, Name::Share)) == share;
+    });
 }
 
 bool standard_partial(FunctionObject* fn) {
-    NamespaceFacts& facts = state_of(fn).facts;
-    if (!facts.partial) {
-        const FastPaths& fast = state_of(fn).fast;
-        if (!standard_attribute(fn, Name::functools, fast.functools_module, Name::partial, fast.partial_type)) {
-            return false;
-        }
-        facts.partial = facts.watched;
-    }
-    return true;
+    const FastPaths& fast = state_of(fn).fast;
+    return remembered(fn, &NamespaceFacts::partial, [&] {
+        return standard_attribute(fn, Name::functools, fast.functools_module, Name::partial, fast.partial_type);
+    });
 }
 
 // The standard condition and locks.
@@ -624,31 +628,22 @@ Ref plain_attribute(FunctionObject* fn, PyObject* object, Name key) {
     return Ref::steal(value);
 }
 
-Ref add(PyObject* a, PyObject* b) {
-    Ref sum = combine_numbers(a, b, Operation::add);
-    return sum ? sum : own(PyNumber_Add(a, b));
+namespace {
+
+// `a <operation> b` in machine numbers when it can be, else by the number protocol's `generic`.
+Ref arithmetic(PyObject* a, PyObject* b, Operation operation, binaryfunc generic) {
+    Ref result = combine_numbers(a, b, operation);
+    return result ? result : own(generic(a, b));
 }
 
-Ref add_in_place(PyObject* a, PyObject* b) {
-    // Ints and floats have no in-place addition of their own: `+=` adds them as `+` does.
-    Ref sum = combine_numbers(a, b, Operation::add);
-    return sum ? sum : own(PyNumber_InPlaceAdd(a, b));
-}
+}  // namespace
 
-Ref subtract(PyObject* a, PyObject* b) {
-    Ref difference = combine_numbers(a, b, Operation::subtract);
-    return difference ? difference : own(PyNumber_Subtract(a, b));
-}
-
-Ref multiply(PyObject* a, PyObject* b) {
-    Ref product = combine_numbers(a, b, Operation::multiply);
-    return product ? product : own(PyNumber_Multiply(a, b));
-}
-
-Ref divide(PyObject* a, PyObject* b) {
-    Ref quotient = combine_numbers(a, b, Operation::divide);
-    return quotient ? quotient : own(PyNumber_TrueDivide(a, b));
-}
+Ref add(PyObject* a, PyObject* b) { return arithmetic(a, b, Operation::add, PyNumber_Add); }
+// Ints and floats have no in-place addition of their own: `+=` adds them as `+` does.
+Ref add_in_place(PyObject* a, PyObject* b) { return arithmetic(a, b, Operation::add, PyNumber_InPlaceAdd); }
+Ref subtract(PyObject* a, PyObject* b) { return arithmetic(a, b, Operation::subtract, PyNumber_Subtract); }
+Ref multiply(PyObject* a, PyObject* b) { return arithmetic(a, b, Operation::multiply, PyNumber_Multiply); }
+Ref divide(PyObject* a, PyObject* b) { return arithmetic(a, b, Operation::divide, PyNumber_TrueDivide); }
 
 Ref compared(PyObject* a, PyObject* b, int op) {
     bool result;

@@ -418,14 +418,31 @@ Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit) {
     return compared(total.get(), limit, Py_LT);
 }
 
-Ref held_take(Self& self, PyObject* share) {
-    FunctionObject* fn = self.fn();
-    HeldNumbers numbers(self);
+namespace {
+
+// `change(numbers, unbounded, amount)`, then the changes stored, at once on a standard `_Held` and a
+// share of an exact amount; false, with nothing changed, otherwise.
+template <typename Change>
+bool change_directly(const Self& held, PyObject* share, Change change) {
+    HeldNumbers numbers(held);
     bool unbounded;
     double amount;
-    if (numbers && share_amount(fn, share, &unbounded, &amount)) {
-        numbers.take(unbounded, amount);
-        numbers.store();
+    if (!numbers || !share_amount(held.fn(), share, &unbounded, &amount)) {
+        return false;
+    }
+    change(numbers, unbounded, amount);
+    numbers.store();
+    return true;
+}
+
+void take_numbers(HeldNumbers& numbers, bool unbounded, double amount) { numbers.take(unbounded, amount); }
+void give_back_numbers(HeldNumbers& numbers, bool unbounded, double amount) { numbers.give_back(unbounded, amount); }
+
+}  // namespace
+
+Ref held_take(Self& self, PyObject* share) {
+    FunctionObject* fn = self.fn();
+    if (change_directly(self, share, take_numbers)) {
         return none();
     }
     self.add_to(Name::holders, one(fn));
@@ -439,12 +456,7 @@ Ref held_take(Self& self, PyObject* share) {
 
 Ref held_give_back(Self& self, PyObject* share) {
     FunctionObject* fn = self.fn();
-    HeldNumbers numbers(self);
-    bool unbounded;
-    double amount;
-    if (numbers && share_amount(fn, share, &unbounded, &amount)) {
-        numbers.give_back(unbounded, amount);
-        numbers.store();
+    if (change_directly(self, share, give_back_numbers)) {
         return none();
     }
     PyObject* zero = state_of(fn).fast.zero;
@@ -477,31 +489,16 @@ bool admits(FunctionObject* fn, PyObject* held, PyObject* share, PyObject* used,
 }
 
 void take(FunctionObject* fn, PyObject* held, PyObject* share) {
-    Self self(fn, held, Own::_Held);
-    if (HeldNumbers numbers(self); numbers) {
-        bool unbounded;
-        double amount;
-        if (share_amount(fn, share, &unbounded, &amount)) {
-            numbers.take(unbounded, amount);
-            numbers.store();
-            return;
-        }
+    // A standard `_Held` (its three fields alone) shadows no method: `take` is the class's.
+    if (Self self(fn, held, Own::_Held); !change_directly(self, share, take_numbers)) {
+        self.call(Name::take, held_take, share);
     }
-    self.call(Name::take, held_take, share);
 }
 
 void give_back(FunctionObject* fn, PyObject* held, PyObject* share) {
-    Self self(fn, held, Own::_Held);
-    if (HeldNumbers numbers(self); numbers) {
-        bool unbounded;
-        double amount;
-        if (share_amount(fn, share, &unbounded, &amount)) {
-            numbers.give_back(unbounded, amount);
-            numbers.store();
-            return;
-        }
+    if (Self self(fn, held, Own::_Held); !change_directly(self, share, give_back_numbers)) {
+        self.call(Name::give_back, held_give_back, share);
     }
-    self.call(Name::give_back, held_give_back, share);
 }
 
 Ref make_share(FunctionObject* fn, PyObject* give_back) {
