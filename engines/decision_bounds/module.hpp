@@ -41,7 +41,7 @@ struct OwnClass {
     unsigned int version;  // 0: no version could be given, so never taken as unchanged
 };
 
-// A few `Share` objects kept for reuse, each with its attribute dict (fast.hpp).
+// A few `Share` objects kept for reuse, each with its attribute dict (shares.cpp).
 struct SharePool {
     static constexpr int capacity = 32;
     PyObject* free[capacity];
