@@ -24,11 +24,12 @@ void clear_fast_paths(ModuleState& state);
 
 // Whether `cls` is the module's class `which`, unchanged since start-up (any change to a class
 // takes its version away, and a later one gives it another).
-inline bool is_own_class(FunctionObject* fn, PyObject* cls, Own which) {
-    const OwnClass& own = state_of(fn).own[static_cast<int>(which)];
+inline bool is_own_class(const ModuleState& state, PyObject* cls, Own which) {
+    const OwnClass& own = state.own[static_cast<int>(which)];
     auto* type = reinterpret_cast<PyTypeObject*>(cls);
     return type == own.type && own.version != 0 && type->tp_version_tag == own.version;
 }
+inline bool is_own_class(FunctionObject* fn, PyObject* cls, Own which) { return is_own_class(state_of(fn), cls, which); }
 // Whether `object` is exactly an instance of the module's class `cls`, unchanged since start-up.
 inline bool is_own(FunctionObject* fn, PyObject* object, Own cls) {
     return is_own_class(fn, reinterpret_cast<PyObject*>(Py_TYPE(object)), cls);
@@ -152,6 +153,10 @@ Ref method(FunctionObject* fn, PyObject* const* args) {
         return impl(self, args[I + 1]...);
     }(std::make_index_sequence<Arity<decltype(impl)>::value>());
 }
+
+// The ints 0 and 1, as the constants of the code would be.
+inline PyObject* zero_int(FunctionObject* fn) { return state_of(fn).fast.zero_int; }
+inline PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
 
 // Whether calling `callable` with no arguments is calling the module's `never`: False, no effect.
 bool is_never(FunctionObject* fn, PyObject* callable);

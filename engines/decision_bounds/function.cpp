@@ -556,53 +556,52 @@ Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
     return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
 }
 
-Ref make_closure(FunctionObject* maker, const FunctionDef& def, PyObject* first, PyObject* second) {
-    FunctionObject* fn = PyObject_GC_New(FunctionObject, Py_TYPE(maker));
-    if (fn == nullptr) {
-        raise_current();
-    }
-    Ref result = Ref::steal(reinterpret_cast<PyObject*>(fn));
-    fn->vectorcall = function_vectorcall;
-    fn->def = &def;
-    fn->module = Py_NewRef(maker->module);
-    fn->state = maker->state;
-    fn->globals = Py_NewRef(maker->globals);
-    fn->module_name = Py_XNewRef(maker->module_name);
-    fn->name = fn->qualname = fn->doc = nullptr;
-    fn->defaults = fn->kwdefaults = nullptr;
-    fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
-    fn->captured[0] = Py_NewRef(first);
-    fn->captured[1] = Py_NewRef(second);
-    fn->keywords = nullptr;
-    PyObject_GC_Track(fn);
-    return result;
-}
+namespace {
 
-Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {
-    PyTypeObject* type = state_of(module).function_type;
+// A new function of `def` for the module `module` (with its state and namespace), its other
+// attributes not set yet.
+Ref new_function(PyTypeObject* type, const FunctionDef& def, PyObject* module, ModuleState* state, PyObject* globals,
+                 PyObject* module_name) {
     FunctionObject* fn = PyObject_GC_New(FunctionObject, type);
     if (fn == nullptr) {
         raise_current();
     }
-    Ref result = Ref::steal(reinterpret_cast<PyObject*>(fn));
     fn->vectorcall = function_vectorcall;
     fn->def = &def;
     fn->module = Py_NewRef(module);
-    fn->state = &state_of(module);
-    fn->globals = Py_NewRef(PyModule_GetDict(module));
-    fn->module_name = nullptr;
+    fn->state = state;
+    fn->globals = Py_NewRef(globals);
+    fn->module_name = Py_XNewRef(module_name);
     fn->name = fn->qualname = fn->doc = nullptr;
-    fn->defaults = Py_XNewRef(defaults);
-    fn->kwdefaults = Py_XNewRef(kwdefaults);
+    fn->defaults = fn->kwdefaults = nullptr;
     fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
     fn->captured[0] = fn->captured[1] = nullptr;
     fn->keywords = nullptr;
     PyObject_GC_Track(fn);
-    PyObject* module_name = PyDict_GetItemWithError(fn->globals, name(module, Name::__name__));
+    return Ref::steal(reinterpret_cast<PyObject*>(fn));
+}
+
+}  // namespace
+
+Ref make_closure(FunctionObject* maker, const FunctionDef& def, PyObject* first, PyObject* second) {
+    Ref result = new_function(Py_TYPE(maker), def, maker->module, maker->state, maker->globals, maker->module_name);
+    auto* fn = as_function(result.get());
+    fn->captured[0] = Py_NewRef(first);
+    fn->captured[1] = Py_NewRef(second);
+    return result;
+}
+
+Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {
+    PyObject* globals = PyModule_GetDict(module);
+    PyObject* module_name = PyDict_GetItemWithError(globals, name(module, Name::__name__));
     if (module_name == nullptr && PyErr_Occurred()) {
         raise_current();
     }
-    fn->module_name = Py_XNewRef(module_name);
+    ModuleState& state = state_of(module);
+    Ref result = new_function(state.function_type, def, module, &state, globals, module_name);
+    auto* fn = as_function(result.get());
+    fn->defaults = Py_XNewRef(defaults);
+    fn->kwdefaults = Py_XNewRef(kwdefaults);
     return result;
 }
 

@@ -9,8 +9,6 @@ namespace {
 
 constexpr const char* charges_doc = "The most one measure of the paid replies came to: for one call, and per request byte.";
 
-PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
-
 // `max(self.per_byte * size, self.per_call)`: on a tie the product is the answer, with its type.
 Ref charges_bound(Self& self, PyObject* size) {
     Ref product = multiply(self.get(Name::per_byte).get(), size);

@@ -12,7 +12,6 @@ constexpr const char* budget_doc = R"doc(Bounds one batch pass: its calls, its t
     :meth:`release`); cache hits are free. Once ``should_stop`` says so, no call and no retry
     starts.)doc";
 
-
 // What a reply says, read as any attribute.
 Ref read(FunctionObject* fn, PyObject* reply, Name n) { return getattr(reply, name(fn, n)); }
 
@@ -26,9 +25,6 @@ void add_from(FunctionObject* fn, Self& self, Name counter, PyObject* reply) {
 
 // `self._changed.notify_all()`, inside the block that holds it.
 void notify_all(Self& self, Holding& changed) { changed.notify_all(self.get(Name::_changed).get()); }
-
-PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
-PyObject* zero_int(FunctionObject* fn) { return state_of(fn).fast.zero_int; }
 
 // The direct paths: the common outcome of `reserve`, `release` and `charge`, done at once in machine
 // numbers on a standard budget, writing what the step-by-step code would write. Each answers false,

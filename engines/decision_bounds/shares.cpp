@@ -203,8 +203,7 @@ PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObje
     auto* type = reinterpret_cast<PyTypeObject*>(cls);
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
     ModuleState* state = share_state(type);
-    if (state != nullptr && nargs == 1 && kwnames == nullptr &&
-        type->tp_version_tag == state->own[static_cast<int>(Own::Share)].version) {
+    if (state != nullptr && nargs == 1 && kwnames == nullptr && is_own_class(*state, cls, Own::Share)) {
         return guarded([&] { return new_share(*state, type, args[0]); });
     }
     return guarded([&] {
@@ -255,9 +254,6 @@ Ref share_class(PyObject* module) {
 
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
-
-PyObject* zero_int(FunctionObject* fn) { return state_of(fn).fast.zero_int; }
-PyObject* one(FunctionObject* fn) { return state_of(fn).fast.one; }
 
 constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
 constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
@@ -396,17 +392,30 @@ void HeldNumbers::store() const {
     }
 }
 
-Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit) {
-    FunctionObject* fn = self.fn();
-    // At once in machine numbers for a standard `_Held` and exact amounts.
-    HeldNumbers numbers(self);
+namespace {
+
+// `admits(share, used, limit)` at once in machine numbers, on a standard `_Held` and exact amounts:
+// false, with `*answer` not set, otherwise.
+bool admits_directly(const Self& held, PyObject* share, PyObject* used, PyObject* limit, bool* answer) {
+    HeldNumbers numbers(held);
     bool unbounded;
     double amount;
     double used_amount;
     double limit_amount;
-    if (numbers && share_amount(fn, share, &unbounded, &amount) && exact_float(used, &used_amount) &&
-        exact_float(limit, &limit_amount)) {
-        return boolean(numbers.admits(unbounded, used_amount, limit_amount));
+    if (!numbers || !share_amount(held.fn(), share, &unbounded, &amount) || !exact_float(used, &used_amount) ||
+        !exact_float(limit, &limit_amount)) {
+        return false;
+    }
+    *answer = numbers.admits(unbounded, used_amount, limit_amount);
+    return true;
+}
+
+}  // namespace
+
+Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit) {
+    FunctionObject* fn = self.fn();
+    if (bool answer; admits_directly(self, share, used, limit, &answer)) {
+        return boolean(answer);
     }
     if (is_true(self.get(Name::unbounded).get())) {
         return boolean(false);
@@ -474,16 +483,10 @@ Ref held_give_back(Self& self, PyObject* share) {
 }
 
 bool admits(FunctionObject* fn, PyObject* held, PyObject* share, PyObject* used, PyObject* limit) {
+    // A standard `_Held` (its three fields alone) shadows no method: `admits` is the class's.
     Self self(fn, held, Own::_Held);
-    if (HeldNumbers numbers(self); numbers) {
-        bool unbounded;
-        double amount;
-        double used_amount;
-        double limit_amount;
-        if (share_amount(fn, share, &unbounded, &amount) && exact_float(used, &used_amount) &&
-            exact_float(limit, &limit_amount)) {
-            return numbers.admits(unbounded, used_amount, limit_amount);
-        }
+    if (bool answer; admits_directly(self, share, used, limit, &answer)) {
+        return answer;
     }
     return is_true(self.call(Name::admits, held_admits, share, used, limit).get());
 }
