@@ -33,7 +33,20 @@ find_python() {
     exit 1
 }
 
+# The setting of the editable install's build (build/dev), as meson reports it; empty without one.
+dev_build_option() {
+    [ -f "$root/build/dev/build.ninja" ] || return 0
+    "$venv/bin/meson" introspect "$root/build/dev" --buildoptions | "$venv/bin/python" -c '
+import json, sys
+print(next((str(o["value"]).lower() for o in json.load(sys.stdin) if o["name"] == sys.argv[1]), ""))
+' "$1"
+}
+
+# ensure_venv [--werror]: with --werror, the module is built with warnings as errors, as CI builds
+# it (scripts/test); an existing build without them is set up again. Without it, any build will do.
 ensure_venv() {
+    local werror=false
+    if [ "${1:-}" = --werror ]; then werror=true; fi
     if [ ! -x "$venv/bin/python" ] || ! is_python312 "$venv/bin/python"; then
         local python
         python=$(find_python)
@@ -55,10 +68,14 @@ PY
             'meson-python>=0.15' 'meson>=1.3' ninja "${extras[@]}"
         touch "$venv/.tools-installed"
     fi
-    # An editable install: importing the module rebuilds it when a source has changed.
-    # Checked from outside the checkout: there, `engines/decision_bounds/` is only the source folder.
-    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; m.Share') >/dev/null 2>&1; then
+    # An editable install: importing the module rebuilds it when a source has changed, with the
+    # settings that build/dev was set up with. Checked from outside the checkout: there,
+    # `engines/decision_bounds/` is only the source folder.
+    if ! (cd / && "$venv/bin/python" -c 'import engines.decision_bounds as m; m.Share') >/dev/null 2>&1 \
+        || { [ "$werror" = true ] && [ "$(dev_build_option werror)" != true ]; }; then
+        local setup=()
+        if [ "$werror" = true ]; then setup=(-Csetup-args=-Dwerror=true); fi
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --no-build-isolation \
-            -Cbuild-dir=build/dev --editable "$root"
+            -Cbuild-dir=build/dev "${setup[@]}" --editable "$root"
     fi
 }
