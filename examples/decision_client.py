@@ -36,8 +36,8 @@ try:
     from rich.logging import RichHandler
     from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeElapsedColumn
     from rich.table import Table
-except ImportError:  # pragma: no cover - the demo's extra is missing
-    sys.exit("decision_client: error: the demo needs its extra: pip install 'engines-decision-bounds[demo]'")
+except ImportError:  # pragma: no cover - the demo's dependency group is missing
+    sys.exit("decision_client: error: the demo needs rich and matplotlib: pip install --group demo")
 
 PROG = "decision_client"
 

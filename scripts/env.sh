@@ -1,6 +1,6 @@
 # Sourced by the other scripts: finds a CPython 3.12 and makes the project's virtual environment
-# (.venv) with the build tools and the module installed in it (rebuilt on import when the C++
-# sources change).
+# (.venv) with pyproject.toml's dependency groups and the module installed in it (rebuilt on import
+# when the C++ sources change).
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -33,6 +33,21 @@ find_python() {
     exit 1
 }
 
+# install_groups VENV GROUP...: installs pyproject.toml's dependency groups into VENV, once; again
+# only when pyproject.toml changes.
+install_groups() {
+    local into=$1 groups=() group
+    shift
+    if [ -f "$into/.tools-installed" ] && [ ! "$root/pyproject.toml" -nt "$into/.tools-installed" ]; then
+        return 0
+    fi
+    for group in "$@"; do groups+=(--group "$group"); done
+    # A pip that knows dependency groups (25.1 or later): a new venv's own may be older.
+    "$into/bin/python" -m pip install --quiet --disable-pip-version-check --upgrade 'pip>=25.1'
+    (cd "$root" && "$into/bin/python" -m pip install --quiet --disable-pip-version-check "${groups[@]}")
+    touch "$into/.tools-installed"
+}
+
 # The setting of the editable install's build (build/dev), as meson reports it; empty without one.
 dev_build_option() {
     [ -f "$root/build/dev/build.ninja" ] || return 0
@@ -53,21 +68,8 @@ ensure_venv() {
         rm -rf "$venv"
         "$python" -m venv "$venv"
     fi
-    if [ ! -f "$venv/.tools-installed" ] || [ "$root/pyproject.toml" -nt "$venv/.tools-installed" ]; then
-        "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --upgrade pip
-        # The build tools, and the project's `test` and `demo` extras as pyproject.toml lists them.
-        local extras
-        mapfile -t extras < <("$venv/bin/python" - "$root/pyproject.toml" <<'PY'
-import sys, tomllib
-with open(sys.argv[1], "rb") as f:
-    wanted = tomllib.load(f)["project"]["optional-dependencies"]
-print("\n".join(need for extra in ("test", "demo") for need in wanted[extra]))
-PY
-)
-        "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
-            'meson-python>=0.15' 'meson>=1.3' ninja "${extras[@]}"
-        touch "$venv/.tools-installed"
-    fi
+    # The build tools first: the editable install below builds without isolation.
+    install_groups "$venv" build test typecheck demo
     # An editable install: importing the module rebuilds it when a source has changed, with the
     # settings that build/dev was set up with. Checked from outside the checkout: there,
     # `engines/decision_bounds/` is only the source folder.

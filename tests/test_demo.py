@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-pytest.importorskip("rich", reason="the demo's extra is not installed in this environment")
+pytest.importorskip("rich", reason="the demo's dependency group is not installed in this environment")
 
 DEMO = Path(__file__).resolve().parent.parent / "examples" / "decision_client.py"
 
