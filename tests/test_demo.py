@@ -1,5 +1,6 @@
 """The demo decision client, run as a person runs it: its options, its report and its Ctrl-C."""
 
+import contextlib
 import re
 import signal
 import sqlite3
@@ -58,8 +59,17 @@ def table_row(output, day):
 
 
 def ledger_rows(path):
-    with sqlite3.connect(path) as db:
+    with contextlib.closing(sqlite3.connect(path)) as db:
         return db.execute("SELECT day, SUM(cost), COUNT(*) FROM paid_replies GROUP BY day ORDER BY day").fetchall()
+
+
+def has_paid_replies(path):
+    """Whether the running demo has recorded a paid reply yet: its ledger file and table may not be
+    there yet (connecting would make the file)."""
+    try:
+        return path.exists() and bool(ledger_rows(path))
+    except sqlite3.OperationalError:  # the file is there, its table not yet
+        return False
 
 
 def test_a_run_reports_each_day_and_keeps_the_promise(tmp_path):
@@ -88,25 +98,26 @@ def test_a_run_reports_each_day_and_keeps_the_promise(tmp_path):
 
 def test_ctrl_c_stops_the_pass_and_leaves_the_ledger_consistent(tmp_path):
     ledger = tmp_path / "ledger.sqlite3"
-    process = subprocess.Popen(
+    # Leaving the with block closes the pipes, also when the test fails before reading them.
+    with subprocess.Popen(
         [sys.executable, str(DEMO), "--days", "200", "--ledger", str(ledger)],
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,
         # A Ctrl-C reaches a program that has not been told to ignore it, as in a terminal.
         preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
-    )
-    try:
-        give_up = time.monotonic() + 60
-        while time.monotonic() < give_up and not (ledger.exists() and ledger_rows(ledger)):
-            time.sleep(0.1)
-        time.sleep(0.3)
-        process.send_signal(signal.SIGINT)
-        out, err = process.communicate(timeout=60)
-    finally:
-        if process.poll() is None:
-            process.kill()
-            process.wait(10)
+    ) as process:
+        try:
+            give_up = time.monotonic() + 60
+            while time.monotonic() < give_up and not has_paid_replies(ledger):
+                time.sleep(0.1)
+            time.sleep(0.3)
+            process.send_signal(signal.SIGINT)
+            out, err = process.communicate(timeout=60)
+        finally:
+            if process.poll() is None:
+                process.kill()
+                process.wait(10)
     assert process.returncode == 130, out + err
     assert "Interrupted" in out and "interrupted" in out
     assert "DIFFERS" not in out and "agrees" in out
