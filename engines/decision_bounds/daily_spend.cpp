@@ -1,6 +1,10 @@
 #include "daily_spend.hpp"
 
+#include <optional>
+#include <tuple>
+
 #include "shares.hpp"
+#include "startup.hpp"
 
 namespace decision_bounds {
 namespace {
@@ -16,251 +20,177 @@ constexpr const char* cap_reached =
     "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume tomorrow, "
     "cached answers are still used";
 
-
-// `self.<field> += reply.<paid>`: the field is read before the reply's attribute.
-void add_from(FunctionObject* fn, Self& self, Name field, PyObject* reply, Name paid) {
-    Ref value = self.get(field);
-    Ref step = getattr(reply, name(fn, paid));
-    self.refresh();  // reading the reply may have run code of the caller's
-    self.set(field, add_in_place(value.get(), step.get()).get());
-}
-
-// `self._changed.notify_all()`, inside the block that holds it.
-void notify_all(Self& self, Holding& changed) { changed.notify_all(self.get(Name::_changed).get()); }
-
-// Makes `exception` the one being handled (what `sys.exc_info()` and `exc_info=True` see) for as
-// long as it lives, as an `except` clause does, then puts back what was handled before.
-class Handling {
-public:
-    explicit Handling(PyObject* exception) : before_(Ref::steal(PyErr_GetHandledException())) {
-        PyErr_SetHandledException(exception);
-    }
-    Handling(const Handling&) = delete;
-    Handling& operator=(const Handling&) = delete;
-    ~Handling() { PyErr_SetHandledException(before_.get()); }
-
-private:
-    Ref before_;
-};
-
-// Runs `cleanup` after `body`, whatever `body` raised, and then lets `body`'s exception go on; an
-// exception from `cleanup` takes its place with it as its context, as a `finally` clause does.
-template <typename Body, typename Cleanup>
-void finally(Body&& body, Cleanup&& cleanup) {
+// Whether the exception being raised is one that `except Exception:` catches, the name read from the
+// namespace as the clause reads it. What reading it raises, or the `TypeError` for a name that is no
+// exception class, takes the exception's place, with it as its context.
+bool caught_as_exception(FunctionObject* fn) {
+    Ref raised = Ref::steal(PyErr_GetRaisedException());
+    auto replace = [&] {
+        PyObject* later = PyErr_GetRaisedException();
+        PyException_SetContext(later, raised.release());
+        PyErr_SetRaisedException(later);
+        raise_current();
+    };
+    Ref cls;
     try {
-        body();
+        cls = is_standard(fn, Fact::Exception) ? Ref::borrow(PyExc_Exception) : global(fn, Name::Exception);
     } catch (const PythonError&) {
-        Ref pending = Ref::steal(PyErr_GetRaisedException());
-        try {
-            cleanup();
-        } catch (const PythonError&) {
-            PyObject* later = PyErr_GetRaisedException();
-            PyException_SetContext(later, pending.release());
-            PyErr_SetRaisedException(later);
-            throw;
-        }
-        PyErr_SetRaisedException(pending.release());
-        throw;
+        replace();
     }
-    cleanup();
+    bool valid = PyExceptionClass_Check(cls.get());
+    if (PyTuple_Check(cls.get())) {
+        valid = true;
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(cls.get()); ++i) {
+            valid = valid && PyExceptionClass_Check(PyTuple_GET_ITEM(cls.get(), i));
+        }
+    }
+    if (!valid) {
+        PyErr_SetString(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed");
+        replace();
+    }
+    bool matches = PyErr_GivenExceptionMatches(raised.get(), cls.get()) != 0;
+    PyErr_SetRaisedException(raised.release());
+    return matches;
 }
 
 // __init__, _spent_since, _today_locked, spent
 
-Ref daily_init(Self& self, PyObject* cap, PyObject* today, PyObject* ledger) {
+Value daily_init(Record& self, const Value& cap, const Value& today, const Value& ledger) {
     FunctionObject* fn = self.fn();
     self.set(Name::_cap, cap);
     self.set(Name::_today, today);
     self.set(Name::_ledger, ledger);
-    Ref condition = call_method(global(fn, Name::threading).get(), name(fn, Name::Condition));
-    self.refresh();
-    self.set(Name::_changed, condition.get());
-    Ref held = call(global(fn, Name::_Held).get());
-    self.refresh();
-    self.set(Name::_held, held.get());
-    self.set(Name::_day, state_of(fn).fast.empty_text);
-    self.set(Name::_cost, state_of(fn).fast.zero);
-    self.set(Name::_capped, Py_False);
-    return none();
+    self.set(Name::_changed, made_by(fn, Name::threading, Name::Condition));
+    self.set(Name::_held, Value::own(call(global(fn, Name::_Held).get())));
+    self.set(Name::_day, Value::other(Ref::borrow(state_of(fn).standard.empty_text)));
+    self.set(Name::_cost, zero_float(fn));
+    self.set(Name::_capped, false_value());
+    return none_value();
 }
 
-Ref daily_spent_since(Self& self, PyObject* day) {
+Value daily_spent_since(Record& self, const Value& day) {
     FunctionObject* fn = self.fn();
-    Ref ledger = self.get(Name::_ledger);
-    if (ledger.get() == Py_None) {
-        return Ref::borrow(state_of(fn).fast.zero);
+    if (self.get(Name::_ledger).get() == Py_None) {
+        return zero_float(fn);
     }
     try {
-        Ref figure = call(ledger.get(), day);
-        return own(PyNumber_Float(figure.get()));
+        // `float(self._ledger(day))`
+        return call_builtin(
+            fn, Fact::float_, Name::float_,
+            [&] {
+                Value ledger = self.get(Name::_ledger);
+                return std::tuple<Value>{Value::own(call(ledger.get(), day.get()))};
+            },
+            [](const Value& figure) { return Value::own(own(PyNumber_Float(figure.get()))); });
     } catch (const PythonError&) {
         // Only an `Exception` means the ledger cannot be read; an interrupt or an exit passes on.
-        if (!PyErr_ExceptionMatches(PyExc_Exception)) {
+        if (!caught_as_exception(fn)) {
             throw;
         }
     }
+    // The exception was raised in this method: its traceback shows it, as the logged record does.
+    add_own_traceback(fn, Own::DailySpend, Name::_spent_since);
     Ref error = Ref::steal(PyErr_GetRaisedException());
     {
         Handling handling(error.get());
         Ref logger = global(fn, Name::logger);
+        Ref warning = getattr(logger.get(), name(fn, Name::warning));
         Ref format = text(unreadable_ledger);
         Ref keywords = own(PyTuple_Pack(1, name(fn, Name::exc_info)));
-        PyObject* argv[] = {logger.get(), format.get(), day, Py_True};
-        own(PyObject_VectorcallMethod(name(fn, Name::warning), argv, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                      keywords.get()));
+        PyObject* argv[] = {format.get(), day.get(), Py_True};
+        own(PyObject_Vectorcall(warning.get(), argv, 2, keywords.get()));
     }
-    return Ref::borrow(state_of(fn).fast.zero);
+    return zero_float(fn);
 }
 
-Ref daily_today_locked(Self& self) {
-    // `self._today()`: an instance attribute, read in the instance dict, then called.
-    Ref today = call(self.get(Name::_today).get());
-    self.refresh();
-    if (holds(today.get(), self.get(Name::_day).get(), Py_NE)) {
+Value daily_today_locked(Record& self) {
+    // `self._today()`: an instance attribute, read, then called.
+    Value today = Value::own(call(self.get(Name::_today).get()));
+    if (holds(today, self.get(Name::_day), Py_NE)) {
         // The ledger is read before anything changes: if it is interrupted, the day is tried again.
-        Ref figure = self.call(Name::_spent_since, daily_spent_since, today.get());
-        self.set(Name::_day, today.get());
-        self.set(Name::_cost, figure.get());
-        self.set(Name::_capped, Py_False);
+        Value spent = Method(self, Name::_spent_since).call<daily_spent_since>(today);
+        self.set(Name::_day, today);
+        self.set(Name::_cost, spent);
+        self.set(Name::_capped, false_value());
     }
     return self.get(Name::_cost);
 }
 
-Ref daily_spent(Self& self) {
-    return holding(self.fn(), self.get(Name::_changed).get(), [&] {
-        self.refresh();
-        return self.call(Name::_today_locked, daily_today_locked);
-    });
+Value daily_spent(Record& self) {
+    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> std::optional<Value> {
+        return Method(self, Name::_today_locked).call<daily_today_locked>();
+    }));
 }
 
 // admit, charge, _give_back
 
-Ref formatted(PyObject* value, const char* format) { return own(PyObject_Format(value, text(format).get())); }
-
-// `Share(functools.partial(self._give_back, held))` once `self._held.take(held)` is done, for an
-// account whose `self._held.admits(held, cost, self._cap)` is true: all at once on a standard
-// account, `_Held` and exact amounts. Null, with nothing taken, when the step-by-step code must
-// decide, which then also asks `admits` (which changes nothing) again.
-Ref admitted_directly(Self& self, PyObject* held, PyObject* cost) {
-    FunctionObject* fn = self.fn();
-    if (!self.standard() || !standard_partial(fn) || self.shadows(Name::_give_back)) {
-        return Ref();
-    }
-    PyObject* account = self.field(Name::_held);
-    PyObject* cap = self.field(Name::_cap);
-    bool unbounded;
-    double amount;
-    double used;
-    double limit;
-    if (account == nullptr || cap == nullptr || !share_amount(fn, held, &unbounded, &amount) ||
-        !exact_float(cost, &used) || !exact_float(cap, &limit)) {
-        return Ref();
-    }
-    HeldNumbers numbers(fn, account);
-    if (!numbers || !numbers.admits(unbounded, used, limit)) {
-        return Ref();
-    }
-    numbers.take(unbounded, amount);
-    numbers.store();
-    // The class's own `_give_back`, bound to the account as reading `self._give_back` binds it.
-    PyObject* method = _PyType_Lookup(Py_TYPE(self.object()), name(fn, Name::_give_back));
-    Ref bound = own(PyMethod_New(method, self.object()));
-    PyObject* argv[] = {bound.get(), held};
-    Ref partial = own(PyObject_Vectorcall(state_of(fn).fast.partial_type, argv, 2, nullptr));
-    return make_share(fn, partial.get());
+// `format(value(), spec)`, `format` read first.
+template <typename Formatted>
+Value formatted(FunctionObject* fn, Formatted&& value, const char* spec) {
+    return call_builtin(
+        fn, Fact::format, Name::format, [&] { return std::tuple<Value, Value>{value(), Value::other(text(spec))}; },
+        [](const Value& shown, const Value& how) { return Value::own(own(PyObject_Format(shown.get(), how.get()))); });
 }
 
-Ref daily_admit(Self& self, PyObject* bound, PyObject* deadline, PyObject* clock, PyObject* stopping) {
+// `a + b` of two texts, as the code concatenates them.
+Value joined(const Value& a, const Value& b) { return add(a, b); }
+
+// `functools.partial(self._give_back, held)`
+Value give_back_of(Record& self, const Value& held) {
     FunctionObject* fn = self.fn();
-    Ref cost;
-    bool first = false;
-    {
-        Holding changed(fn, self.get(Name::_changed).get());
-        for (;;) {
-            // Taking the lock, waiting and the caller's callables let anything change meanwhile.
-            self.refresh();
-            cost = self.call(Name::_today_locked, daily_today_locked);
-            if (!holds(cost.get(), self.get(Name::_cap).get(), Py_LT)) {
-                break;
-            }
-            Ref held = call(bound);
-            self.refresh();
-            if (Ref share = admitted_directly(self, held.get(), cost.get())) {
-                changed.leave();
-                return share;
-            }
-            Ref account = self.get(Name::_held);
-            Ref cap = self.get(Name::_cap);
-            bool admitted = admits(fn, account.get(), held.get(), cost.get(), cap.get());
-            self.refresh();
-            if (admitted) {
-                take(fn, self.get(Name::_held).get(), held.get());
-                self.refresh();
-                // The share gives back exactly what was taken, whatever `bound()` says later.
-                Ref partial = getattr(global(fn, Name::functools).get(), name(fn, Name::partial));
-                Ref method = getattr(self.object(), name(fn, Name::_give_back));
-                Ref share = make_share(fn, call(partial.get(), method.get(), held.get()).get());
-                changed.leave();
-                return share;
-            }
-            Ref wait = global(fn, Name::_wait);
-            Ref keywords = own(PyTuple_Pack(2, name(fn, Name::deadline), name(fn, Name::clock)));
-            Ref condition = self.get(Name::_changed);
-            PyObject* argv[] = {condition.get(), stopping, deadline, clock};
-            own(PyObject_Vectorcall(wait.get(), argv, 2, keywords.get()));
-        }
-        first = !is_true(self.get(Name::_capped).get());
-        self.set(Name::_capped, Py_True);
-        changed.leave();
-    }
-    // Logged and raised with the lock free: a handler that blocks must not stall the account.
-    self.refresh();
-    if (first) {
-        Ref logger = global(fn, Name::logger);
-        call_method(logger.get(), name(fn, Name::warning), text(cap_reached).get(), cost.get(),
-                    self.get(Name::_cap).get());
-        self.refresh();
-    }
-    Ref parts = own(PyTuple_Pack(5, text("the daily decision cost cap is reached: $").get(),
-                                 formatted(cost.get(), ".4f").get(), text(" of $").get(),
-                                 formatted(self.get(Name::_cap).get(), ".2f").get(),
-                                 text(" spent today (UTC)").get()));
-    raise_error(fn, Name::DecisionBudgetExceeded, own(PyUnicode_Join(text("").get(), parts.get())));
+    Ref partial = is_standard(fn, Fact::partial)
+                      ? Ref::borrow(state_of(fn).standard.partial_type)
+                      : getattr(global(fn, Name::functools).get(), name(fn, Name::partial));
+    Value method = self.get(Name::_give_back);
+    return Value::own(call(partial.get(), method.get(), held.get()));
 }
 
-Ref daily_charge(Self& self, PyObject* reply) {
+// `_wait(self._changed, stopping, deadline=deadline, clock=clock)`
+void wait_for_room(Record& self, const Value& stopping, const Value& deadline, const Value& clock) {
     FunctionObject* fn = self.fn();
-    Holding changed(fn, self.get(Name::_changed).get());
-    self.refresh();
-    self.call(Name::_today_locked, daily_today_locked);
-    add_from(fn, self, Name::_cost, reply, Name::cost);
-    notify_all(self, changed);
-    changed.leave();
-    return none();
+    Ref wait = global(fn, Name::_wait);
+    Value changed = self.get(Name::_changed);
+    Ref keywords = own(PyTuple_Pack(2, name(fn, Name::deadline), name(fn, Name::clock)));
+    PyObject* argv[] = {changed.get(), stopping.get(), deadline.get(), clock.get()};
+    own(PyObject_Vectorcall(wait.get(), argv, 2, keywords.get()));
 }
 
-Ref daily_give_back(Self& self, PyObject* held, PyObject* reply) {
+Value daily_admit(Record& self, const Value& bound, const Value& deadline, const Value& clock,
+                  const Value& stopping) {
+    return admit_loop(self, bound, deadline, clock, stopping, nullptr);
+}
+
+Value daily_charge(Record& self, const Value& reply) {
     FunctionObject* fn = self.fn();
-    Holding changed(fn, self.get(Name::_changed).get());
-    self.refresh();
-    finally(
-        [&] {
-            if (reply != Py_None) {
-                // Counted on the day it settles: a new day starts from the ledger first.
-                self.call(Name::_today_locked, daily_today_locked);
-                add_from(fn, self, Name::_cost, reply, Name::cost);
-            }
-        },
-        // Given back even when counting failed: no call holds this share any more, and an amount
-        // left held would keep later admissions waiting for good.
-        [&] {
-            self.refresh();
-            give_back(fn, self.get(Name::_held).get(), held);
-            self.refresh();
-            notify_all(self, changed);
-        });
-    changed.leave();
-    return none();
+    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+        Method(self, Name::_today_locked).call<daily_today_locked>();
+        add_from(self, Name::_cost, reply, Name::cost);
+        notify_all(fn, self.get(Name::_changed));
+        return std::nullopt;
+    });
+    return none_value();
+}
+
+Value daily_give_back(Record& self, const Value& held, const Value& reply) {
+    FunctionObject* fn = self.fn();
+    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+        try_finally(
+            [&] {
+                if (reply.get() != Py_None) {
+                    // Counted on the day it settles: a new day starts from the ledger first.
+                    Method(self, Name::_today_locked).call<daily_today_locked>();
+                    add_from(self, Name::_cost, reply, Name::cost);
+                }
+            },
+            // Given back even when counting failed: no call holds this share any more, and an
+            // amount left held would keep later admissions waiting for good.
+            [&] {
+                Method(fn, self.get(Name::_held), Own::_Held, Name::give_back).call<held_give_back>(held);
+                notify_all(fn, self.get(Name::_changed));
+            });
+        return std::nullopt;
+    });
+    return none_value();
 }
 
 constexpr Param init_params[] = {{"self", nullptr},
@@ -286,7 +216,8 @@ constexpr FunctionDef daily_methods[] = {
             ledger: What the paid calls since a date cost, USD; None: nothing is kept.
         )doc",
      init_params, "None", method<Own::DailySpend, daily_init>},
-    {"spent", "DailySpend.spent", "What the paid calls of today cost so far, USD.", self_only, "float", method<Own::DailySpend, daily_spent>},
+    {"spent", "DailySpend.spent", "What the paid calls of today cost so far, USD.", self_only, "float",
+     method<Own::DailySpend, daily_spent>},
     {"admit", "DailySpend.admit", R"doc(Hold what a paid call may cost before it is made.
 
         Args:
@@ -316,10 +247,70 @@ constexpr FunctionDef daily_methods[] = {
      R"doc(Today's spend; a new day starts from what the ledger says it has cost so far, and keeps
         the shares of the calls in flight, which it is charged when they settle.)doc",
      self_only, "float", method<Own::DailySpend, daily_today_locked>},
-    {"_spent_since", "DailySpend._spent_since", nullptr, spent_since_params, "float", method<Own::DailySpend, daily_spent_since>},
+    {"_spent_since", "DailySpend._spent_since", nullptr, spent_since_params, "float",
+     method<Own::DailySpend, daily_spent_since>},
 };
 
 }  // namespace
+
+Value admit_loop(Record& self, const Value& bound, const Value& deadline, const Value& clock, const Value& stopping,
+                 Attempt* attempt) {
+    FunctionObject* fn = self.fn();
+    Value cost;
+    std::optional<bool> first;
+    std::optional<Value> share = with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+        for (;;) {
+            cost = Method(self, Name::_today_locked).call<daily_today_locked>();
+            if (!holds(cost, self.get(Name::_cap), Py_LT)) {
+                break;
+            }
+            Value held = Value::own(call(bound.get()));
+            Method admits(fn, self.get(Name::_held), Own::_Held, Name::admits);
+            Value cap = self.get(Name::_cap);
+            if (truth(admits.call<held_admits>(held, cost, cap))) {
+                Method(fn, self.get(Name::_held), Own::_Held, Name::take).call<held_take>(held);
+                // The share gives back exactly what was taken, whatever `bound()` says later.
+                return make_share(fn, [&] { return give_back_of(self, held); });
+            }
+            if (attempt != nullptr) {
+                // A try that must not wait makes the tests that `_wait` makes before it waits.
+                attempt->wait = wait_checks(fn, stopping, deadline, clock);
+                return std::nullopt;
+            }
+            wait_for_room(self, stopping, deadline, clock);
+        }
+        first = !truth(self.get(Name::_capped));
+        self.set(Name::_capped, Value::other(boolean(true)));
+        return std::nullopt;
+    });
+    if (share) {
+        return *share;
+    }
+    if (attempt != nullptr && attempt->wait) {
+        return none_value();
+    }
+    // After the `with` block, with the lock free: a handler that blocks must not stall the account.
+    if (!first) {
+        // Left by an exception that `__exit__` suppressed before the refusal was decided.
+        PyErr_SetString(PyExc_UnboundLocalError,
+                        "cannot access local variable 'first' where it is not associated with a value");
+        raise_current();
+    }
+    if (*first) {
+        Ref logger = global(fn, Name::logger);
+        Ref warning = getattr(logger.get(), name(fn, Name::warning));
+        Value format = Value::other(text(cap_reached));
+        Value cap = self.get(Name::_cap);
+        call(warning.get(), format.get(), cost.get(), cap.get());
+    }
+    raise_built(fn, Name::DecisionBudgetExceeded, [&] {
+        Value message = Value::other(text("the daily decision cost cap is reached: $"));
+        message = joined(message, formatted(fn, [&] { return cost; }, ".4f"));
+        message = joined(message, Value::other(text(" of $")));
+        message = joined(message, formatted(fn, [&] { return self.get(Name::_cap); }, ".2f"));
+        return joined(message, Value::other(text(" spent today (UTC)")));
+    });
+}
 
 void add_daily_spend(PyObject* module) {
     ClassBuilder daily(module, "DailySpend", daily_doc);

@@ -1,8 +1,10 @@
 #include "function.hpp"
 
+#include <frameobject.h>
+
 #include <cstddef>
 
-#include "module.hpp"
+#include "state.hpp"
 
 namespace decision_bounds {
 namespace {
@@ -226,14 +228,14 @@ bool binds_with_defaults(FunctionObject* fn, Py_ssize_t nargs, PyObject* kwnames
            nargs >= count - PyTuple_GET_SIZE(fn->defaults);
 }
 
-PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     FunctionObject* fn = as_function(self);
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
     if (binds_as_given(*fn->def, nargs, kwnames)) {
-        return guarded([&] { return fn->def->body(fn, args); });
+        return entry([&] { return traced(fn, [&] { return fn->def->body(fn, args); }); });
     }
     if (binds_with_defaults(fn, nargs, kwnames)) {
-        return guarded([&] {
+        return entry([&] {
             // Kept while the body runs: it may run code that replaces the function's defaults.
             Ref defaults = Ref::borrow(fn->defaults);
             auto count = static_cast<Py_ssize_t>(fn->def->params.size());
@@ -242,14 +244,15 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
             for (Py_ssize_t i = 0; i < count; ++i) {
                 slots[i] = i < nargs ? args[i] : PyTuple_GET_ITEM(defaults.get(), i - first_default);
             }
-            return fn->def->body(fn, slots);
+            return traced(fn, [&] { return fn->def->body(fn, slots); });
         });
     }
-    return guarded([&] {
+    return entry([&] {
         PyObject* slots[max_params];
         Ref owned[max_params];
+        // A binding error is raised before the function runs: no entry of its own, as in Python.
         bind_arguments(fn, args, nargs, kwnames, slots, owned);
-        return fn->def->body(fn, slots);
+        return traced(fn, [&] { return fn->def->body(fn, slots); });
     });
 }
 
@@ -294,41 +297,43 @@ Ref annotations_of(FunctionObject* fn) {
     return Ref::borrow(fn->annotations);
 }
 
-// A code object that states the parameters, for `inspect`: an empty code object given the
-// argument counts, names and flags of the definition.
+// A code object that states the parameters, for `inspect` and for tracebacks: an empty code object
+// given the argument counts, names and flags of the definition, and the module's file as the
+// module had it at start-up (kept as the text it was, which need not be valid UTF-8).
 Ref code_of(FunctionObject* fn) {
     if (fn->code != nullptr) {
         return Ref::borrow(fn->code);
     }
     const FunctionDef& def = *fn->def;
     const Shape& shape = def.shape;
-    PyObject* file = PyDict_GetItemWithError(fn->globals, name(fn, Name::__file__));
-    if (file == nullptr && PyErr_Occurred()) {
-        raise_current();
-    }
-    Ref filename = file && PyUnicode_Check(file) ? Ref::borrow(file) : Ref::borrow(fn->module_name);
-    Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(filename.get()), def.name, 1)));
+    ModuleState& state = state_of(fn);
+    Ref empty = own(reinterpret_cast<PyObject*>(PyCode_NewEmpty("", def.name, 1)));
     Ref varnames = own(PyTuple_New(static_cast<Py_ssize_t>(def.params.size())));
     Py_ssize_t index = 0;
     for (Py_ssize_t i = 0; i < def.named_count(); ++i) {
-        PyTuple_SET_ITEM(varnames.get(), index++, own(PyUnicode_FromString(def.named[i]->name)).release());
+        PyTuple_SET_ITEM(varnames.get(), index++, text(def.named[i]->name).release());
     }
     if (shape.var_positional) {
-        PyTuple_SET_ITEM(varnames.get(), index, own(PyUnicode_FromString(def.params.back().name)).release());
+        PyTuple_SET_ITEM(varnames.get(), index, text(def.params.back().name).release());
     }
     Ref kwargs = own(PyDict_New());
-    auto put = [&](Name key, Ref value) { check(PyDict_SetItem(kwargs.get(), name(fn, key), value.get())); };
-    put(Name::co_argcount, own(PyLong_FromSsize_t(shape.positional)));
-    put(Name::co_kwonlyargcount, own(PyLong_FromSsize_t(shape.keyword_only)));
-    put(Name::co_nlocals, own(PyLong_FromSsize_t(PyTuple_GET_SIZE(varnames.get()))));
+    auto put = [&](Name key, const Ref& value) { check(PyDict_SetItem(kwargs.get(), name(fn, key), value.get())); };
+    put(Name::co_argcount, integer(shape.positional));
+    put(Name::co_kwonlyargcount, integer(shape.keyword_only));
+    put(Name::co_nlocals, integer(PyTuple_GET_SIZE(varnames.get())));
     put(Name::co_varnames, varnames);
-    put(Name::co_flags, own(PyLong_FromLong(co_optimized | co_newlocals | (shape.var_positional ? co_varargs : 0))));
+    put(Name::co_flags, integer(co_optimized | co_newlocals | (shape.var_positional ? co_varargs : 0)));
     put(Name::co_qualname, text(def.qualname));
+    if (state.filename != nullptr) {
+        put(Name::co_filename, Ref::borrow(state.filename));
+    }
     Ref replace = getattr(empty.get(), name(fn, Name::replace));
-    Ref empty_args = own(PyTuple_New(0));
-    Ref code = own(PyObject_Call(replace.get(), empty_args.get(), kwargs.get()));
-    fn->code = Py_NewRef(code.get());
-    return code;
+    Ref code = own(PyObject_Call(replace.get(), state.standard.empty_tuple, kwargs.get()));
+    // Made again by a racing thread meanwhile: the first one stays.
+    if (fn->code == nullptr) {
+        fn->code = Py_NewRef(code.get());
+    }
+    return Ref::borrow(fn->code);
 }
 
 // Getters and setters.
@@ -354,15 +359,15 @@ int set_text(PyObject*& slot, PyObject* value, const char* what) {
     return 0;
 }
 
-int set_name(PyObject* self, PyObject* value, void*) noexcept {
+int set_name(PyObject* self, PyObject* value, void*) {
     return set_text(as_function(self)->name, value, "__name__");
 }
 
-int set_qualname(PyObject* self, PyObject* value, void*) noexcept {
+int set_qualname(PyObject* self, PyObject* value, void*) {
     return set_text(as_function(self)->qualname, value, "__qualname__");
 }
 
-int set_doc(PyObject* self, PyObject* value, void*) noexcept {
+int set_doc(PyObject* self, PyObject* value, void*) {
     Py_XSETREF(as_function(self)->doc, Py_NewRef(value ? value : Py_None));
     return 0;
 }
@@ -371,7 +376,7 @@ PyObject* get_or_none(PyObject* value) { return Py_NewRef(value ? value : Py_Non
 
 PyObject* get_defaults(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->defaults); }
 
-int set_defaults(PyObject* self, PyObject* value, void*) noexcept {
+int set_defaults(PyObject* self, PyObject* value, void*) {
     if (value == Py_None) {
         value = nullptr;
     }
@@ -385,7 +390,7 @@ int set_defaults(PyObject* self, PyObject* value, void*) noexcept {
 
 PyObject* get_kwdefaults(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->kwdefaults); }
 
-int set_kwdefaults(PyObject* self, PyObject* value, void*) noexcept {
+int set_kwdefaults(PyObject* self, PyObject* value, void*) {
     if (value == Py_None) {
         value = nullptr;
     }
@@ -397,11 +402,11 @@ int set_kwdefaults(PyObject* self, PyObject* value, void*) noexcept {
     return 0;
 }
 
-PyObject* get_annotations(PyObject* self, void*) noexcept {
-    return guarded([&] { return annotations_of(as_function(self)); });
+PyObject* get_annotations(PyObject* self, void*) {
+    return entry([&] { return annotations_of(as_function(self)); });
 }
 
-int set_annotations(PyObject* self, PyObject* value, void*) noexcept {
+int set_annotations(PyObject* self, PyObject* value, void*) {
     if (value == Py_None) {
         value = nullptr;
     }
@@ -414,26 +419,50 @@ int set_annotations(PyObject* self, PyObject* value, void*) noexcept {
     return as_function(self)->annotations ? 0 : -1;
 }
 
-PyObject* get_code(PyObject* self, void*) noexcept {
-    return guarded([&] { return code_of(as_function(self)); });
+PyObject* get_code(PyObject* self, void*) {
+    return entry([&] { return code_of(as_function(self)); });
+}
+
+PyObject* get_type_params(PyObject* self, void*) noexcept {
+    PyObject* params = as_function(self)->type_params;
+    return params != nullptr ? Py_NewRef(params) : PyTuple_New(0);
+}
+
+int set_type_params(PyObject* self, PyObject* value, void*) {
+    if (value == nullptr || !PyTuple_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__type_params__ must be set to a tuple");
+        return -1;
+    }
+    Py_XSETREF(as_function(self)->type_params, Py_NewRef(value));
+    return 0;
 }
 
 PyObject* get_module(PyObject* self, void*) noexcept { return get_or_none(as_function(self)->module_name); }
 
-int set_module(PyObject* self, PyObject* value, void*) noexcept {
+int set_module(PyObject* self, PyObject* value, void*) {
     Py_XSETREF(as_function(self)->module_name, Py_XNewRef(value));
     return 0;
 }
 
 PyObject* get_globals(PyObject* self, void*) noexcept { return Py_NewRef(as_function(self)->globals); }
 
+// The builtins that the module's code reads: its namespace's at start-up, as a Python function
+// keeps the builtins of its globals from when it was made.
 PyObject* get_builtins(PyObject* self, void*) noexcept {
-    PyObject* builtins = PyDict_GetItemString(as_function(self)->globals, "__builtins__");
-    if (builtins != nullptr && PyModule_Check(builtins)) {
-        return Py_NewRef(PyModule_GetDict(builtins));
-    }
-    return Py_NewRef(builtins ? builtins : PyEval_GetBuiltins());
+    PyObject* builtins = state_of(as_function(self)).standard.builtins;
+    return Py_NewRef(builtins != nullptr ? builtins : Py_None);
 }
+
+// Pickled by reference, as a Python function is: its module and qualified name; and so `copy`
+// gives the function itself.
+PyObject* function_reduce(PyObject* self, PyObject*) {
+    return entry([&] { return Ref::borrow(qualname_of(as_function(self))); });
+}
+
+PyMethodDef function_methods[] = {
+    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
 
 PyGetSetDef function_getset[] = {
     {"__module__", get_module, set_module, nullptr, nullptr},
@@ -443,6 +472,7 @@ PyGetSetDef function_getset[] = {
     {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
     {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__type_params__", get_type_params, set_type_params, nullptr, nullptr},
     {"__code__", get_code, nullptr, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
     {"__builtins__", get_builtins, nullptr, nullptr, nullptr},
@@ -465,8 +495,8 @@ PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) noexcept 
     return PyMethod_New(self, obj);
 }
 
-PyObject* function_repr(PyObject* self) noexcept {
-    return guarded([&] { return own(PyUnicode_FromFormat("<function %U at %p>", qualname_of(as_function(self)), self)); });
+PyObject* function_repr(PyObject* self) {
+    return entry([&] { return own(PyUnicode_FromFormat("<function %U at %p>", qualname_of(as_function(self)), self)); });
 }
 
 int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
@@ -481,6 +511,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(fn->defaults);
     Py_VISIT(fn->kwdefaults);
     Py_VISIT(fn->annotations);
+    Py_VISIT(fn->type_params);
     Py_VISIT(fn->code);
     Py_VISIT(fn->dict);
     Py_VISIT(fn->keywords);
@@ -490,7 +521,8 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     return 0;
 }
 
-int function_clear(PyObject* self) noexcept {
+// Letting go of what a function refers to can run finalizers, so this is not `noexcept`.
+int function_clear(PyObject* self) {
     FunctionObject* fn = as_function(self);
     Py_CLEAR(fn->module);
     Py_CLEAR(fn->globals);
@@ -501,6 +533,7 @@ int function_clear(PyObject* self) noexcept {
     Py_CLEAR(fn->defaults);
     Py_CLEAR(fn->kwdefaults);
     Py_CLEAR(fn->annotations);
+    Py_CLEAR(fn->type_params);
     Py_CLEAR(fn->code);
     Py_CLEAR(fn->dict);
     Py_CLEAR(fn->keywords);
@@ -510,7 +543,7 @@ int function_clear(PyObject* self) noexcept {
     return 0;
 }
 
-void function_dealloc(PyObject* self) noexcept {
+void function_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
     if (as_function(self)->weakrefs != nullptr) {
@@ -529,6 +562,7 @@ PyType_Slot function_slots[] = {
     {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
     {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
     {Py_tp_getset, function_getset},
+    {Py_tp_methods, function_methods},
     {Py_tp_members, function_members},
     {0, nullptr},
 };
@@ -551,7 +585,7 @@ Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs) {
     // Kept alive while it runs, whatever its body does to the class it came from.
     Ref keep = Ref::borrow(function);
     if (binds_as_given(*fn->def, nargs, nullptr)) {
-        return fn->def->body(fn, args);
+        return traced(fn, [&] { return fn->def->body(fn, args); });
     }
     return own(PyObject_Vectorcall(function, args, static_cast<size_t>(nargs), nullptr));
 }
@@ -574,7 +608,7 @@ Ref new_function(PyTypeObject* type, const FunctionDef& def, PyObject* module, M
     fn->module_name = Py_XNewRef(module_name);
     fn->name = fn->qualname = fn->doc = nullptr;
     fn->defaults = fn->kwdefaults = nullptr;
-    fn->annotations = fn->code = fn->dict = fn->weakrefs = nullptr;
+    fn->annotations = fn->type_params = fn->code = fn->dict = fn->weakrefs = nullptr;
     fn->captured[0] = fn->captured[1] = nullptr;
     fn->keywords = nullptr;
     PyObject_GC_Track(fn);
@@ -603,6 +637,23 @@ Ref make_function(PyObject* module, const FunctionDef& def, PyObject* defaults, 
     fn->defaults = Py_XNewRef(defaults);
     fn->kwdefaults = Py_XNewRef(kwdefaults);
     return result;
+}
+
+void add_traceback(FunctionObject* fn) {
+    // The exception being raised stays the one raised: making the entry must not replace it.
+    Ref raised = Ref::steal(PyErr_GetRaisedException());
+    Ref frame;
+    try {
+        Ref code = code_of(fn);
+        frame = own(reinterpret_cast<PyObject*>(
+            PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.get()), fn->globals, nullptr)));
+    } catch (const PythonError&) {
+        PyErr_Clear();
+    }
+    PyErr_SetRaisedException(raised.release());
+    if (frame && PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.get())) < 0) {
+        PyErr_Clear();  // only out of memory; the exception goes on without the entry
+    }
 }
 
 }  // namespace decision_bounds

@@ -87,7 +87,8 @@ struct FunctionObject {
     PyObject* defaults;     // a tuple or null (None)
     PyObject* kwdefaults;   // a dict or null (None)
     PyObject* annotations;  // made from the definition when first read
-    PyObject* code;         // made when first read: it only serves introspection
+    PyObject* type_params;  // `__type_params__`: null for the empty tuple
+    PyObject* code;         // made when first read: it serves introspection and tracebacks
     PyObject* dict;
     PyObject* weakrefs;
     PyObject* captured[2];  // what a function made inside another call keeps (strong, may be null)
@@ -101,6 +102,24 @@ PyType_Spec& function_type_spec();
 // Calls a function of this type with positional arguments only: its body at once when they are
 // exactly its parameters, else through its ordinary call.
 Ref call_function(PyObject* function, PyObject* const* args, Py_ssize_t nargs);
+
+// Whether `object` is a function of the module's function type `type`.
+inline bool is_function(PyObject* object, PyTypeObject* type) { return Py_IS_TYPE(object, type); }
+
+// Adds an entry for `fn` to the traceback of the exception being raised, as the frame of a Python
+// function adds one when an exception passes through it: named after the function, with its code.
+void add_traceback(FunctionObject* fn);
+
+// Runs `body` as the body of `fn`: an exception that leaves it carries `fn`'s traceback entry.
+template <typename Body>
+auto traced(FunctionObject* fn, Body&& body) -> decltype(body()) {
+    try {
+        return body();
+    } catch (const PythonError&) {
+        add_traceback(fn);
+        throw;
+    }
+}
 
 // Makes a function from `def` inside a call of `maker` (of the same module), keeping `first` and
 // `second` as `captured`, as a nested function keeps what it closes over.

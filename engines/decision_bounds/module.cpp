@@ -1,23 +1,17 @@
 // The module object and its start-up: the namespace in its order, the error types, the reply
-// protocol and the two default callables.
-#include "module.hpp"
+// protocol and the two default callables; and the module's life, from start-up to being freed.
+// Everything else is made by the units it starts, in the order the namespace needs them.
+#include <iterator>
 
-#include <new>
-
+#include "condition.hpp"
 #include "daily_spend.hpp"
-#include "fast.hpp"
 #include "request_rates.hpp"
 #include "run_budget.hpp"
 #include "shares.hpp"
+#include "startup.hpp"
 
 namespace decision_bounds {
 namespace {
-
-constexpr const char* name_texts[] = {
-#define DECISION_BOUNDS_TEXT(n) #n,
-    DECISION_BOUNDS_NAMES(DECISION_BOUNDS_TEXT)
-#undef DECISION_BOUNDS_TEXT
-};
 
 constexpr const char* module_doc = R"doc(The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a
 batch pass and the daily cost cap.
@@ -77,7 +71,6 @@ constexpr FunctionDef nothing_def = {"_nothing", "_nothing", "Give back a share 
 
 Ref import(const char* module_name) { return own(PyImport_ImportModule(module_name)); }
 
-
 void add_errors_and_protocol(PyObject* module) {
     for (const auto& [error, base, doc] : error_docs) {
         ClassBuilder cls(module, error, doc);
@@ -93,25 +86,60 @@ void add_errors_and_protocol(PyObject* module) {
     }
     Ref bases = own(PyTuple_Pack(1, protocol.get()));
     bind(module, "PaidReply", paid_reply.build(bases.get(), reinterpret_cast<PyObject*>(Py_TYPE(protocol.get()))));
-    bind(module, "never", make_function(module, never_def));
+    Ref never = make_function(module, never_def);
+    state_of(module).never = Py_NewRef(never.get());
+    bind(module, "never", never);
     bind(module, "_nothing", make_function(module, nothing_def));
+}
+
+// Notes the module's own classes as they are at the end of start-up: their versions say later
+// whether anything on them changed.
+void remember_own_classes(PyObject* module) {
+    static constexpr const char* names[] = {"Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"};
+    static_assert(std::size(names) == static_cast<size_t>(Own::count));
+    ModuleState& state = state_of(module);
+    for (size_t i = 0; i < std::size(names); ++i) {
+        Ref cls = lookup(module, names[i]);
+        if (!PyType_Check(cls.get())) {
+            PyErr_Format(PyExc_TypeError, "%s is not a class", names[i]);
+            raise_current();
+        }
+        auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+        state.own[i].version = cpython::assign_version(type) ? type->tp_version_tag : 0;
+        state.own[i].type = reinterpret_cast<PyTypeObject*>(cls.release());
+    }
+}
+
+// What the functions' code objects give as their file: the module's file as it is at start-up,
+// whatever text it is (the import system sets it before the module runs).
+void remember_file(PyObject* module) {
+    ModuleState& state = state_of(module);
+    PyObject* file = PyDict_GetItemWithError(PyModule_GetDict(module), name(state, Name::__file__));
+    if (file == nullptr && PyErr_Occurred()) {
+        raise_current();
+    }
+    state.filename = file != nullptr && PyUnicode_Check(file) ? Py_NewRef(file)
+                                                              : own(PyModule_GetNameObject(module)).release();
 }
 
 void start_up(PyObject* module) {
     ModuleState& state = state_of(module);
-    for (int i = 0; i < static_cast<int>(Name::count); ++i) {
-        state.names[i] = own(PyUnicode_InternFromString(name_texts[i])).release();
-    }
+    intern_names(state);
     state.function_type = reinterpret_cast<PyTypeObject*>(
         own(PyType_FromModuleAndSpec(module, &function_type_spec(), nullptr)).release());
+    Standard& standard = state.standard;
+    standard.empty_tuple = own(PyTuple_New(0)).release();
+    standard.zero = real(0.0).release();
+    standard.empty_text = text("").release();
+    remember_file(module);
 
     // The namespace of a module written in Python has its builtins first; `dataclass` would add
     // them in the middle otherwise, when it runs the methods it writes in this namespace.
     check(PyDict_SetItemString(PyModule_GetDict(module), "__builtins__", PyEval_GetBuiltins()));
     bind(module, "__doc__", text(module_doc));
     bind(module, "annotations", getattr(import("__future__").get(), text("annotations").get()));
-    for (const char* standard : {"functools", "logging", "math", "threading"}) {
-        bind(module, standard, import(standard));
+    for (const char* standard_module : {"functools", "logging", "math", "threading"}) {
+        bind(module, standard_module, import(standard_module));
     }
     auto import_from = [&](const char* from, std::initializer_list<const char*> names) {
         Ref source = import(from);
@@ -125,7 +153,8 @@ void start_up(PyObject* module) {
     Ref get_logger = getattr(lookup(module, "logging").get(), text("getLogger").get());
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
     bind(module, "_POLL_S", real(0.1));
-    init_fast_paths(module);
+    find_standard_locks(module);
+    find_standard_names(module);
 
     add_errors_and_protocol(module);
     add_shares(module);
@@ -133,43 +162,42 @@ void start_up(PyObject* module) {
     add_run_budget(module);
     add_daily_spend(module);
     remember_own_classes(module);
+    watch_namespace(module);
 }
 
-int exec_module(PyObject* module) noexcept {
-    try {
-        start_up(module);
-        return 0;
-    } catch (const PythonError&) {
-        return -1;
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-        return -1;
-    }
+int exec_module(PyObject* module) {
+    return entry_status([&] { start_up(module); });
 }
 
 int traverse_module(PyObject* module, visitproc visit, void* arg) noexcept {
-    ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
+    auto* state = static_cast<ModuleState*>(PyModule_GetState(module));
+    if (state == nullptr) {
+        return 0;
+    }
+    if (int result = traverse_state(*state, visit, arg)) {
+        return result;
+    }
+    return traverse_share_pool(*state, visit, arg);
+}
+
+int clear_module(PyObject* module) {
+    auto* state = static_cast<ModuleState*>(PyModule_GetState(module));
     if (state != nullptr) {
-        Py_VISIT(state->function_type);
-        return traverse_fast_paths(*state, visit, arg);
+        entry_status([&] {
+            clear_share_pool(*state);
+            unwatch_namespace(*state);
+            clear_state(*state);
+        });
     }
     return 0;
 }
 
-int clear_module(PyObject* module) noexcept {
-    ModuleState* state = static_cast<ModuleState*>(PyModule_GetState(module));
-    if (state != nullptr) {
-        clear_share_pool(*state);
-        clear_fast_paths(*state);
-        Py_CLEAR(state->function_type);
-        for (PyObject*& interned : state->names) {
-            Py_CLEAR(interned);
-        }
+void free_module(void* module) {
+    clear_module(static_cast<PyObject*>(module));
+    if (auto* state = static_cast<ModuleState*>(PyModule_GetState(static_cast<PyObject*>(module)))) {
+        free_names(*state);
     }
-    return 0;
 }
-
-void free_module(void* module) noexcept { clear_module(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
@@ -192,72 +220,6 @@ PyModuleDef module_def = {
 };
 
 }  // namespace
-
-ModuleState& state_of(PyObject* module) { return *static_cast<ModuleState*>(PyModule_GetState(module)); }
-
-bool is_never(FunctionObject* fn, PyObject* callable) {
-    return Py_IS_TYPE(callable, state_of(fn).function_type) &&
-           reinterpret_cast<FunctionObject*>(callable)->def == &never_def;
-}
-
-Ref global(PyObject* globals, PyObject* key) {
-    PyObject* value = PyDict_GetItemWithError(globals, key);
-    if (value == nullptr && !PyErr_Occurred()) {
-        value = PyDict_GetItemWithError(PyEval_GetBuiltins(), key);
-    }
-    if (value != nullptr) {
-        return Ref::borrow(value);
-    }
-    if (!PyErr_Occurred()) {
-        // Worded and carrying `name` as the interpreter's own NameError.
-        Ref message = own(PyUnicode_FromFormat("name '%U' is not defined", key));
-        Ref error = call(PyExc_NameError, message.get());
-        setattr(error.get(), text("name").get(), key);
-        PyErr_SetObject(PyExc_NameError, error.get());
-    }
-    raise_current();
-}
-
-void bind(PyObject* module, const char* key, const Ref& value) {
-    check(PyDict_SetItemString(PyModule_GetDict(module), key, value.get()));
-}
-
-Ref lookup(PyObject* module, const char* key) {
-    Ref k = text(key);
-    return global(PyModule_GetDict(module), k.get());
-}
-
-ClassBuilder::ClassBuilder(PyObject* module, const char* name, const char* doc,
-                           std::initializer_list<Annotation> annotations)
-    : module_(module), name_(name), namespace_(own(PyDict_New())) {
-    add("__module__", lookup(module, "__name__"));
-    add("__qualname__", text(name));
-    if (annotations.size() != 0) {
-        Ref texts = own(PyDict_New());
-        for (const auto& [field, annotation] : annotations) {
-            check(PyDict_SetItemString(texts.get(), field, text(annotation).get()));
-        }
-        add("__annotations__", texts);
-    }
-    add("__doc__", doc ? text(doc) : none());
-}
-
-void ClassBuilder::add(const char* key, const Ref& value) {
-    check(PyDict_SetItemString(namespace_.get(), key, value.get()));
-}
-
-void ClassBuilder::add(const FunctionDef& def, PyObject* defaults, PyObject* kwdefaults) {
-    add(def.name, make_function(module_, def, defaults, kwdefaults));
-}
-
-Ref ClassBuilder::build(PyObject* bases, PyObject* metaclass) {
-    Ref no_bases = own(PyTuple_New(0));
-    PyObject* meta = metaclass ? metaclass : reinterpret_cast<PyObject*>(&PyType_Type);
-    return call(meta, text(name_).get(), bases ? bases : no_bases.get(), namespace_.get());
-}
-
-Ref as_dataclass(PyObject* module, const Ref& cls) { return call(lookup(module, "dataclass").get(), cls.get()); }
-
 }  // namespace decision_bounds
 
 PyMODINIT_FUNC PyInit_decision_bounds() { return PyModuleDef_Init(&decision_bounds::module_def); }

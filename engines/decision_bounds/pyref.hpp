@@ -1,14 +1,24 @@
-// Owned references and the one way errors cross C++ code.
+// Owned references, and the one way errors cross C++ code.
 //
 // A Python error is always set in the interpreter before `PythonError` is thrown; every function
-// that Python calls catches it at its edge and returns the failure value, leaving the error set.
+// that Python calls runs its body through `entry`, which turns the error (or any C++ exception)
+// into the failure value Python expects.
+//
+// Nothing here is `noexcept` where it can run Python code (a release can run a finalizer): at exit
+// the interpreter ends a daemon thread that asks for the interpreter lock by unwinding it from
+// inside that request, and such an unwind must pass through every frame. While it passes, the
+// thread holds no lock on the interpreter, so the handles below let go of nothing then (see
+// `thread_is_attached`): the thread is ending and the process with it.
 #pragma once
 
-#define PY_SSIZE_T_CLEAN
-#include <Python.h>
+#include <cxxabi.h>
 
 #include <cassert>
+#include <exception>
+#include <new>
 #include <utility>
+
+#include "cpython.hpp"
 
 namespace decision_bounds {
 
@@ -20,17 +30,36 @@ struct PythonError {};
     throw PythonError{};
 }
 
+// The thread state with which this thread last entered the module, while it is inside it (a plain
+// thread-local word, read by every release: the initial-exec model makes that one load).
+extern __thread PyThreadState* entered_thread __attribute__((tls_model("initial-exec")));
+
+// Whether this thread may touch the interpreter's objects: false only while it is being unwound
+// at exit, its state detached.
+inline bool thread_is_attached() {
+    const PyThreadState* thread = entered_thread;
+    return thread == nullptr || cpython::is_attached(thread);
+}
+
 // An owned (strong) reference, released when the handle goes.
 class Ref {
 public:
     Ref() noexcept = default;
     Ref(const Ref& other) noexcept : p_(Py_XNewRef(other.p_)) {}
     Ref(Ref&& other) noexcept : p_(std::exchange(other.p_, nullptr)) {}
-    Ref& operator=(Ref other) noexcept {
-        std::swap(p_, other.p_);
+    Ref& operator=(const Ref& other) {
+        Ref(other).swap(*this);
         return *this;
     }
-    ~Ref() { Py_XDECREF(p_); }
+    Ref& operator=(Ref&& other) {
+        Ref(std::move(other)).swap(*this);
+        return *this;
+    }
+    ~Ref() noexcept(false) {
+        if (p_ != nullptr && thread_is_attached()) {
+            Py_DECREF(p_);
+        }
+    }
 
     // Takes over a new reference, which may be null.
     static Ref steal(PyObject* p) noexcept { return Ref(p); }
@@ -41,6 +70,7 @@ public:
     explicit operator bool() const noexcept { return p_ != nullptr; }
     // Hands the reference over to the caller (at the edge, to Python).
     PyObject* release() noexcept { return std::exchange(p_, nullptr); }
+    void swap(Ref& other) noexcept { std::swap(p_, other.p_); }
 
 private:
     explicit Ref(PyObject* p) noexcept : p_(p) {}
@@ -64,7 +94,7 @@ inline int check(int status) {
 }
 
 inline Ref text(const char* value) { return own(PyUnicode_FromString(value)); }
-inline Ref integer(long value) { return own(PyLong_FromLong(value)); }
+inline Ref integer(long long value) { return own(PyLong_FromLongLong(value)); }
 inline Ref real(double value) { return own(PyFloat_FromDouble(value)); }
 
 inline Ref none() noexcept { return Ref::borrow(Py_None); }
@@ -89,15 +119,82 @@ Ref call_method(PyObject* object, PyObject* name, Args... args) {
                                          nullptr));
 }
 
-// Runs a body that may throw `PythonError` at an edge that Python calls, giving null on failure.
+// Sets the Python error that stands for the C++ exception being handled (a `MemoryError` for
+// `std::bad_alloc`, a `SystemError` for anything else). Only inside a `catch`.
+inline void set_error_from_current_exception() noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& error) {
+        PyErr_Format(PyExc_SystemError, "unexpected C++ exception: %s", error.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_SystemError, "unexpected C++ exception");
+    }
+}
+
+// Makes `exception` the one being handled (what `sys.exc_info()` and `exc_info=True` see) for as
+// long as it lives, as an `except` clause does, then puts back what was handled before.
+class Handling {
+public:
+    explicit Handling(PyObject* exception) : before_(Ref::steal(PyErr_GetHandledException())) {
+        PyErr_SetHandledException(exception);
+    }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    ~Handling() noexcept(false) {
+        if (thread_is_attached()) {
+            PyErr_SetHandledException(before_.get());
+        }
+    }
+
+private:
+    Ref before_;
+};
+
+// Notes, for as long as it lives, the thread state with which this thread runs the module's code.
+class EnteredThread {
+public:
+    EnteredThread() : before_(entered_thread) { entered_thread = PyThreadState_Get(); }
+    EnteredThread(const EnteredThread&) = delete;
+    EnteredThread& operator=(const EnteredThread&) = delete;
+    ~EnteredThread() { entered_thread = before_; }
+
+private:
+    PyThreadState* before_;
+};
+
+// Runs a body that gives a `Ref` at an edge that Python calls, giving null with the error set on
+// failure. Any C++ exception becomes a Python error; the unwind that ends a thread at exit passes.
 template <typename Body>
-PyObject* guarded(Body&& body) noexcept {
+PyObject* entry(Body&& body) {
+    EnteredThread here;
     try {
         return body().release();
     } catch (const PythonError&) {
         return nullptr;
-    } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
+    } catch (abi::__forced_unwind&) {
+        throw;  // the thread is being ended: let it
+    } catch (...) {
+        set_error_from_current_exception();
+        return nullptr;
+    }
+}
+
+// The same for an edge that reports failure as -1.
+template <typename Body>
+int entry_status(Body&& body) {
+    EnteredThread here;
+    try {
+        body();
+        return 0;
+    } catch (const PythonError&) {
+        return -1;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        set_error_from_current_exception();
+        return -1;
     }
 }
 

@@ -1,29 +1,44 @@
 #include "request_rates.hpp"
 
+#include <tuple>
+
 #include "shares.hpp"
+#include "startup.hpp"
 
 namespace decision_bounds {
 namespace {
+
+// `max(a, b)` as the code calls it, the arguments given by `arguments()` once `max` is read.
+template <typename Arguments>
+Value maximum(FunctionObject* fn, Arguments&& arguments) {
+    return call_builtin(fn, Fact::max, Name::max, arguments,
+                        [](const Value& kept, const Value& candidate) { return larger(kept, candidate); });
+}
 
 // _Charges
 
 constexpr const char* charges_doc = "The most one measure of the paid replies came to: for one call, and per request byte.";
 
 // `max(self.per_byte * size, self.per_call)`: on a tie the product is the answer, with its type.
-Ref charges_bound(Self& self, PyObject* size) {
-    Ref product = multiply(self.get(Name::per_byte).get(), size);
-    return larger(product.get(), self.get(Name::per_call).get());
+Value charges_bound(Record& self, const Value& size) {
+    return maximum(self.fn(), [&] {
+        return std::tuple<Value, Value>{multiply(self.get(Name::per_byte), size), self.get(Name::per_call)};
+    });
 }
 
-Ref charges_learn(Self& self, PyObject* size, PyObject* charge) {
+Value charges_learn(Record& self, const Value& size, const Value& charge) {
     FunctionObject* fn = self.fn();
     // `self.per_byte = max(self.per_byte, charge / max(size, 1))`: an empty request counts as one byte.
-    Ref per_byte = self.get(Name::per_byte);
-    Ref rate = divide(charge, larger(size, one(fn)).get());
-    self.set(Name::per_byte, larger(per_byte.get(), rate.get()).get());
+    Value per_byte = maximum(fn, [&] {
+        Value kept = self.get(Name::per_byte);
+        Value bytes = maximum(fn, [&] { return std::tuple<Value, Value>{size, one()}; });
+        return std::tuple<Value, Value>{kept, divide(charge, bytes)};
+    });
+    self.set(Name::per_byte, per_byte);
     // The charge itself is kept, so an integer token count stays an integer.
-    self.set(Name::per_call, larger(self.get(Name::per_call).get(), charge).get());
-    return none();
+    Value per_call = maximum(fn, [&] { return std::tuple<Value, Value>{self.get(Name::per_call), charge}; });
+    self.set(Name::per_call, per_call);
+    return none_value();
 }
 
 constexpr Param bound_params[] = {{"self", nullptr}, {"size", "int"}};
@@ -48,72 +63,71 @@ constexpr const char* rates_doc = R"doc(What a request may cost, in USD and in i
     feature, and are not known before the first paid reply.
     )doc";
 
-Ref not_known(FunctionObject* fn) {
-    Ref math = global(fn, Name::math);
-    return getattr(math.get(), name(fn, Name::inf));
-}
-
-Ref rates_init(Self& self) {
-    FunctionObject* fn = self.fn();
-    Ref lock = call_method(global(fn, Name::threading).get(), name(fn, Name::Lock));
-    self.refresh();
-    self.set(Name::_lock, lock.get());
-    for (Name measure : {Name::_cost, Name::_tokens}) {
-        Ref charges = call(global(fn, Name::_Charges).get());
-        self.refresh();
-        self.set(measure, charges.get());
+// `math.inf`
+Value not_known(FunctionObject* fn) {
+    if (is_standard(fn, Fact::math_inf)) {
+        return Value::borrow(state_of(fn).standard.math_inf);
     }
-    self.set(Name::_features, own(PySet_New(nullptr)).get());
-    return none();
+    Ref math = global(fn, Name::math);
+    return Value::own(getattr(math.get(), name(fn, Name::inf)));
 }
 
-// `self.<measure>.bound(size)`
-Ref bound_of(FunctionObject* fn, Self& self, Name measure, PyObject* size) {
-    return Self(fn, self.get(measure).get(), Own::_Charges).call(Name::bound, charges_bound, size);
-}
-
-Ref rates_cost(Self& self, PyObject* size, PyObject* feature) {
+Value rates_init(Record& self) {
     FunctionObject* fn = self.fn();
-    return holding(fn, self.get(Name::_lock).get(), [&] {
-        self.refresh();
-        bool known = check(PySequence_Contains(self.get(Name::_features).get(), feature)) != 0;
-        self.refresh();  // a feature's own hash or comparison may be code of the caller's
-        return known ? bound_of(fn, self, Name::_cost, size) : not_known(fn);
-    });
+    self.set(Name::_lock, made_by(fn, Name::threading, Name::Lock));
+    self.set(Name::_cost, Value::own(call(global(fn, Name::_Charges).get())));
+    self.set(Name::_tokens, Value::own(call(global(fn, Name::_Charges).get())));
+    Value features = call_builtin(
+        fn, Fact::set, Name::set, [] { return std::tuple<>{}; }, [] { return Value::own(own(PySet_New(nullptr))); });
+    self.set(Name::_features, features);
+    return none_value();
 }
 
-Ref rates_tokens(Self& self, PyObject* size) {
+Value rates_cost(Record& self, const Value& size, const Value& feature) {
     FunctionObject* fn = self.fn();
-    return holding(fn, self.get(Name::_lock).get(), [&] {
-        self.refresh();
+    return returned(with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
+        Value features = self.get(Name::_features);
+        if (check(PySequence_Contains(features.get(), feature.get())) != 0) {
+            return Method(fn, self.get(Name::_cost), Own::_Charges, Name::bound).call<charges_bound>(size);
+        }
+        return not_known(fn);
+    }));
+}
+
+Value rates_tokens(Record& self, const Value& size) {
+    FunctionObject* fn = self.fn();
+    return returned(with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
         // Tokens grow with bytes whatever the feature: any paid reply makes them known.
-        return is_true(self.get(Name::_features).get()) ? bound_of(fn, self, Name::_tokens, size) : not_known(fn);
-    });
+        if (truth(self.get(Name::_features))) {
+            return Method(fn, self.get(Name::_tokens), Own::_Charges, Name::bound).call<charges_bound>(size);
+        }
+        return not_known(fn);
+    }));
 }
 
 // `self.<measure>.learn(size, reply.<paid>)`
-void learn_into(FunctionObject* fn, Self& self, Name measure, PyObject* size, PyObject* reply, Name paid) {
-    Ref charges = self.get(measure);
-    Ref charge = getattr(reply, name(fn, paid));
-    Self(fn, charges.get(), Own::_Charges).call(Name::learn, charges_learn, size, charge.get());
-    self.refresh();  // reading the reply may have run code of the caller's
+void learn_into(Record& self, Name measure, const Value& size, const Value& reply, Name paid) {
+    FunctionObject* fn = self.fn();
+    Method learn(fn, self.get(measure), Own::_Charges, Name::learn);
+    Value charge = Value::own(getattr(reply.get(), name(fn, paid)));
+    learn.call<charges_learn>(size, charge);
 }
 
-Ref rates_learn(Self& self, PyObject* size, PyObject* feature, PyObject* reply) {
+Value rates_learn(Record& self, const Value& size, const Value& feature, const Value& reply) {
     FunctionObject* fn = self.fn();
-    Holding lock(fn, self.get(Name::_lock).get());
-    self.refresh();
-    Ref features = self.get(Name::_features);
-    if (PySet_CheckExact(features.get())) {
-        check(PySet_Add(features.get(), feature));
-    } else {
-        call_method(features.get(), name(fn, Name::add), feature);
-    }
-    self.refresh();
-    learn_into(fn, self, Name::_cost, size, reply, Name::cost);
-    learn_into(fn, self, Name::_tokens, size, reply, Name::input_tokens);
-    lock.leave();
-    return none();
+    with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
+        // `self._features.add(feature)`: a set's own `add`, which nothing can replace.
+        Value features = self.get(Name::_features);
+        if (PySet_CheckExact(features.get())) {
+            check(PySet_Add(features.get(), feature.get()));
+        } else {
+            call_method(features.get(), name(fn, Name::add), feature.get());
+        }
+        learn_into(self, Name::_cost, size, reply, Name::cost);
+        learn_into(self, Name::_tokens, size, reply, Name::input_tokens);
+        return std::nullopt;
+    });
+    return none_value();
 }
 
 constexpr Param self_only[] = {{"self", nullptr}};

@@ -2,7 +2,7 @@
 // from the paid replies.
 #pragma once
 
-#include "module.hpp"
+#include "startup.hpp"
 
 namespace decision_bounds {
 

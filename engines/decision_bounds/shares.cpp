@@ -1,5 +1,10 @@
 #include "shares.hpp"
 
+#include <cmath>
+#include <tuple>
+
+#include "startup.hpp"
+
 namespace decision_bounds {
 namespace {
 
@@ -8,56 +13,52 @@ namespace {
 // A class of the module's own making rather than one made by `type()`, laid out as a Python class
 // is: its instances keep their attribute dict and their weak references in the space the
 // interpreter manages before the object, so its instances are the size of `object`'s and it
-// combines with other bases as a class statement's class would. The module can make and free its
-// instances cheaply: a share is made and dropped for every admitted call, so the ones freed while
-// nothing else refers to them or to their dict are kept, dict and all, and made again from there.
-
-// The share's attribute dict (made from its inline values if it had none yet), or null.
-PyObject* dict_of(PyObject* share) {
-    PyObject** slot = _PyObject_GetDictPtr(share);
-    return slot != nullptr ? *slot : nullptr;
-}
+// combines with other bases as a class statement's class would.
 
 // The head of the share's list of weak references: where the class says it keeps it.
 PyObject** weakrefs_of(PyObject* share) {
     return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(share) + Py_TYPE(share)->tp_weaklistoffset);
 }
 
+// The share's attribute dict (made from its inline values if it had none yet), or null.
+PyObject* dict_of(PyObject* share) {
+    PyObject** slot = cpython::dict_slot(share);
+    return slot != nullptr ? *slot : nullptr;
+}
+
 constexpr const char* share_doc = R"doc(What one admitted call holds of a bound, given back exactly once: settled with the paid
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
     that holds it, whatever ended it: an error, a stop or an interrupt).)doc";
 
-Ref share_init(Self& self, PyObject* give_back) {
+Value share_init(Record& self, const Value& give_back) {
     self.set(Name::_give_back, give_back);
-    return none();
+    return none_value();
 }
 
-Ref share_settle(Self& self, PyObject* reply) {
+Value share_settle(Record& self, const Value& reply) {
     // Read and cleared with nothing run between the two, so that no other settle can obtain the
     // callback, and the share counts as given back even if the callback raises.
-    Ref give_back = self.get(Name::_give_back);
-    self.set(Name::_give_back, Py_None);
-    if (give_back.get() == Py_None) {
-        return none();
+    Value give_back = self.get(Name::_give_back);
+    self.set(Name::_give_back, none_value());
+    PyObject* callback = give_back.get();
+    if (callback == Py_None) {
+        return none_value();
     }
+    PyObject* argument = reply.get();
     // The bounds' give-backs are mostly the module's own functions: run at once.
-    if (Py_IS_TYPE(give_back.get(), state_of(self.fn()).function_type)) {
-        call_function(give_back.get(), &reply, 1);
+    if (is_function(callback, state_of(self.fn()).function_type)) {
+        call_function(callback, &argument, 1);
     } else {
-        call(give_back.get(), reply);
+        call(callback, argument);
     }
-    return none();
+    return none_value();
 }
 
 Ref share_enter(FunctionObject*, PyObject* const* args) { return Ref::borrow(args[0]); }
 
-Ref share_exit(Self& self) {
-    // A dict that holds `_give_back` alone shadows no method: `settle` is the class's.
-    if (self.standard() && self.size() == 1 && self.field(Name::_give_back) != nullptr) {
-        return share_settle(self, Py_None);
-    }
-    self.call(Name::settle, share_settle, Py_None);
-    return none();
+Value share_exit(Record& self) {
+    Method(self, Name::settle).call<share_settle>(none_value());
+    return none_value();
 }
 
 constexpr Param share_init_params[] = {{"self", nullptr}, {"give_back", "Callable[[PaidReply | None], None]"}};
@@ -79,7 +80,7 @@ constexpr FunctionDef share_methods[] = {
 };
 
 // The state of the module that made `type`, while that type is still its `Share`; null otherwise
-// (the module is being cleared).
+// (a subclass, or the module is being cleared).
 ModuleState* share_state(PyTypeObject* type) {
     PyObject* module = reinterpret_cast<PyHeapTypeObject*>(type)->ht_module;
     if (module == nullptr) {
@@ -89,81 +90,96 @@ ModuleState* share_state(PyTypeObject* type) {
     return state.own[static_cast<int>(Own::Share)].type == type ? &state : nullptr;
 }
 
-// A share of the class as start-up left it, holding `give_back`: what `Share(give_back)` makes
-// (`object.__new__`, then `__init__`, which stores the callback in the new dict), from the pool
-// when it has one.
-Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
-    SharePool& pool = state.shares;
-    Ref share;
-    if (pool.count > 0) {
-        share = Ref::steal(PyObject_Init(pool.free[--pool.count], type));
-        Py_DECREF(type);  // the pool's own reference to the class, now the share's
-    } else {
-        share = own(PyBaseObject_Type.tp_new(type, state.fast.empty_tuple, nullptr));
-    }
-    PyObject* dict = dict_of(share.get());
-    if (dict == nullptr) {
-        PyErr_NoMemory();  // making the dict of the inline values failed
-        raise_current();
-    }
-    check(PyDict_SetItem(dict, state.names[static_cast<int>(Name::_give_back)], give_back));
-    if (!PyObject_GC_IsTracked(share.get())) {
-        PyObject_GC_Track(share.get());
-    }
-    return share;
-}
+// The pool
+//
+// A share is made and dropped for every admitted call, so the module keeps a few that were freed
+// while nothing else referred to them or to their dict, and makes new ones from there. A kept share
+// holds its class (shown to the garbage collector by the module) and its dict with `_give_back`
+// set to None: no callback stays alive. Under AddressSanitizer a kept block never reaches free(),
+// which would hide a use after free, so the sanitizer build leaves the pool out.
 
-// Keeps a share that is being freed when it is of the module's own class (not a subclass) and
-// nothing but the share refers to its dict, which holds `_give_back` alone; the callback is let go
-// of now, as freeing the share would.
-bool keep_for_reuse(PyObject* share) {
-    ModuleState* state = share_state(Py_TYPE(share));
-    PyObject* dict = state != nullptr ? dict_of(share) : nullptr;
-    if (state == nullptr || state->shares.count == SharePool::capacity || dict == nullptr ||
-        !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
+#if DECISION_BOUNDS_SHARE_POOL
+
+// Whether `dict` is a pooled share's as the pool keeps it: referred to by the share alone, holding
+// `_give_back` alone, set to None.
+bool keepable(const ModuleState& state, PyObject* dict) {
+    if (dict == nullptr || !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
         return false;
     }
     Py_ssize_t position = 0;
     PyObject* key;
     PyObject* value;
-    if (!PyDict_Next(dict, &position, &key, &value) || key != state->names[static_cast<int>(Name::_give_back)]) {
+    return PyDict_Next(dict, &position, &key, &value) && key == name(state, Name::_give_back);
+}
+
+// Keeps a share of the module's own class that is being freed, when nothing but the share refers to
+// its dict; the callback is let go of first, as freeing the share would.
+bool keep_for_reuse(PyObject* share) {
+    ModuleState* state = share_state(Py_TYPE(share));
+    if (state == nullptr || state->shares.count == SharePool::capacity || !keepable(*state, dict_of(share))) {
         return false;
     }
-    if (value != Py_None && PyDict_SetItem(dict, key, Py_None) < 0) {
+    PyObject* dict = dict_of(share);
+    if (PyDict_SetItem(dict, name(*state, Name::_give_back), Py_None) < 0) {
         PyErr_WriteUnraisable(nullptr);  // not the share: it is being freed
         return false;
     }
-    // Letting go of the callback may have run code that filled the pool meanwhile.
-    if (state->shares.count == SharePool::capacity) {
+    // Letting go of the callback ran its finalizer, which may have taken the dict (found through
+    // `gc.get_objects()`, say) or filled the pool: look again.
+    dict = dict_of(share);
+    if (state->shares.count == SharePool::capacity || !keepable(*state, dict)) {
         return false;
     }
-    // The pooled share keeps its reference to its class: freeing it later needs the class.
+    // Out of the collector's list, nobody can find the dict while the share is kept; storing a
+    // callback in it again puts it back.
+    PyObject_GC_UnTrack(dict);
     state->shares.free[state->shares.count++] = share;
     return true;
 }
 
-void share_dealloc(PyObject* self) noexcept {
+// A kept share made new: its reference to its class becomes the new share's.
+PyObject* reuse(ModuleState& state, PyTypeObject* type) {
+    while (state.shares.count > 0) {
+        PyObject* share = state.shares.free[--state.shares.count];
+        PyObject_Init(share, type);
+        Py_DECREF(type);
+        if (keepable(state, dict_of(share))) {
+            return share;
+        }
+        // Someone holds the dict after all: this share gets a dict of its own.
+        cpython::clear_managed_dict(share);
+        return share;
+    }
+    return nullptr;
+}
+
+#endif
+
+void share_dealloc(PyObject* self) {
+    EnteredThread here;
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
     if (*weakrefs_of(self) != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
+#if DECISION_BOUNDS_SHARE_POOL
     // A subclass's instances are freed through here too; only the module's own class's are kept.
     if (type->tp_dealloc == share_dealloc && keep_for_reuse(self)) {
         return;
     }
-    _PyObject_ClearManagedDict(self);
+#endif
+    cpython::clear_managed_dict(self);
     type->tp_free(self);
     Py_DECREF(type);
 }
 
 int share_traverse(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(Py_TYPE(self));
-    return _PyObject_VisitManagedDict(self, visit, arg);
+    return cpython::visit_managed_dict(self, visit, arg);
 }
 
-int share_clear(PyObject* self) noexcept {
-    _PyObject_ClearManagedDict(self);
+int share_clear(PyObject* self) {
+    cpython::clear_managed_dict(self);
     return 0;
 }
 
@@ -196,17 +212,38 @@ PyType_Spec share_spec = {
     .slots = share_slots,
 };
 
-// `Share(...)`: a share from the pool for the usual call with the callback alone, while the class
-// is as start-up left it (so `__new__` is `object`'s and `__init__` the module's); any other call
-// goes through the class's ordinary call, `type.__call__`.
-PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObject* kwnames) noexcept {
+// A share of the class as start-up left it, holding `give_back`: what `Share(give_back)` makes
+// (`object.__new__`, then `__init__`, which stores the callback in the new dict).
+Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
+    Ref share;
+#if DECISION_BOUNDS_SHARE_POOL
+    share = Ref::steal(reuse(state, type));
+#endif
+    if (!share) {
+        share = own(PyBaseObject_Type.tp_new(type, state.standard.empty_tuple, nullptr));
+    }
+    Ref dict = Ref::borrow(dict_of(share.get()));
+    if (!dict) {
+        dict = own(PyObject_GenericGetDict(share.get(), nullptr));
+    }
+    check(PyDict_SetItem(dict.get(), name(state, Name::_give_back), give_back));
+    if (!PyObject_GC_IsTracked(share.get())) {
+        PyObject_GC_Track(share.get());
+    }
+    return share;
+}
+
+// `Share(...)`: made at once for the usual call with the callback alone, while the class is as
+// start-up left it (so `__new__` is `object`'s and `__init__` the module's); any other call goes
+// through the class's ordinary call, `type.__call__`.
+PyObject* share_call(PyObject* cls, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     auto* type = reinterpret_cast<PyTypeObject*>(cls);
     Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
     ModuleState* state = share_state(type);
-    if (state != nullptr && nargs == 1 && kwnames == nullptr && is_own_class(*state, cls, Own::Share)) {
-        return guarded([&] { return new_share(*state, type, args[0]); });
+    if (state != nullptr && nargs == 1 && kwnames == nullptr && is_own_class(*state, type, Own::Share)) {
+        return entry([&] { return new_share(*state, type, args[0]); });
     }
-    return guarded([&] {
+    return entry([&] {
         Ref positional = own(PyTuple_New(nargs));
         for (Py_ssize_t i = 0; i < nargs; ++i) {
             PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
@@ -255,6 +292,14 @@ Ref share_class(PyObject* module) {
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
 
+// `max(floor, value)` as the code calls it.
+template <typename Candidate>
+Value at_least(FunctionObject* fn, const Value& floor, Candidate&& candidate) {
+    return call_builtin(
+        fn, Fact::max, Name::max, [&] { return std::tuple<Value, Value>{floor, candidate()}; },
+        [](const Value& kept, const Value& other) { return larger(kept, other); });
+}
+
 constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
 constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
 
@@ -270,27 +315,9 @@ constexpr FunctionDef held_methods[] = {
 // _wait
 
 Ref wait_body(FunctionObject* fn, PyObject* const* args) {
-    PyObject* changed = args[0];
-    PyObject* stopping = args[1];
-    PyObject* deadline = args[2];
-    PyObject* clock = args[3];
-    if (is_true(call(stopping).get())) {
-        raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
-    }
-    Ref timeout = global(fn, Name::_POLL_S);
-    if (deadline != Py_None && clock != Py_None) {
-        Ref now = call(clock);
-        Ref left = subtract(deadline, now.get());
-        if (holds(left.get(), zero_int(fn), Py_LE)) {
-            raise_error(fn, Name::DecisionTimeout,
-                        "the decision call ran out of its deadline while the calls in flight held the rest of "
-                        "the daily cost cap");
-        }
-        // `min(_POLL_S, left)`: the wait never runs past the deadline.
-        Ref poll = global(fn, Name::_POLL_S);
-        timeout = holds(left.get(), poll.get(), Py_LT) ? left : poll;
-    }
-    call_method(changed, name(fn, Name::wait), timeout.get());
+    Value changed = Value::borrow(args[0]);
+    Value timeout = wait_checks(fn, Value::borrow(args[1]), Value::borrow(args[2]), Value::borrow(args[3]));
+    call_method(changed.get(), name(fn, Name::wait), timeout.get());
     return none();
 }
 
@@ -310,295 +337,100 @@ constexpr FunctionDef wait_def = {
 
 }  // namespace
 
-bool share_amount(FunctionObject* fn, PyObject* share, bool* unbounded, double* amount) {
-    *amount = 0.0;
-    return isinf_directly(fn, share, unbounded) && (*unbounded || exact_float(share, amount));
-}
-
-HeldNumbers::HeldNumbers(const Self& held) : self_(held) {
-    // Its three fields and nothing else: then no method of the class is shadowed either.
-    if (!self_.standard() || self_.size() != 3) {
-        return;
-    }
-    PyObject* holders = self_.field(Name::holders);
-    PyObject* amount = self_.field(Name::amount);
-    PyObject* unbounded = self_.field(Name::unbounded);
-    // Counts far from the ends of 64 bits, so that adding or taking one cannot overflow.
-    constexpr long long most = 1LL << 53;
-    loaded_ = holders != nullptr && amount != nullptr && unbounded != nullptr && PyFloat_CheckExact(amount) &&
-              exact_int(holders, &holders_) && exact_int(unbounded, &unbounded_) && -most <= holders_ &&
-              holders_ <= most && -most <= unbounded_ && unbounded_ <= most;
-    amount_ = loaded_ ? PyFloat_AS_DOUBLE(amount) : 0.0;
-}
-
-bool HeldNumbers::admits(bool unbounded, double used, double limit) const {
-    if (unbounded_ != 0 || (unbounded && holders_ != 0)) {
-        return false;
-    }
-    return used + amount_ < limit;
-}
-
-void HeldNumbers::take(bool unbounded, double share) {
-    holders_ += 1;
-    changed_[0] = true;
-    if (unbounded) {
-        unbounded_ += 1;
-        changed_[2] = true;
-    } else {
-        amount_ += share;
-        amount_zeroed_ = false;
-        changed_[1] = true;
-    }
-}
-
-void HeldNumbers::give_back(bool unbounded, double share) {
-    // `max(0, n - 1)` keeps the 0 unless the difference is greater; `max(0.0, ...)` likewise, also
-    // when the difference is not a number.
-    holders_ = holders_ > 1 ? holders_ - 1 : 0;
-    changed_[0] = true;
-    if (unbounded) {
-        unbounded_ = unbounded_ > 1 ? unbounded_ - 1 : 0;
-        changed_[2] = true;
-    } else {
-        double less = amount_ - share;
-        amount_zeroed_ = !(less > 0.0);
-        amount_ = amount_zeroed_ ? 0.0 : less;
-        changed_[1] = true;
-    }
-    if (holders_ == 0) {
-        amount_ = 0.0;
-        amount_zeroed_ = true;
-        changed_[1] = true;
-    }
-}
-
-void HeldNumbers::store() const {
-    // The new values first: making one may fail, and then nothing is written.
-    Ref values[3];
-    if (changed_[0]) {
-        values[0] = own(PyLong_FromLongLong(holders_));
-    }
-    if (changed_[1]) {
-        values[1] = amount_zeroed_ ? Ref::borrow(state_of(self_.fn()).fast.zero) : real(amount_);
-    }
-    if (changed_[2]) {
-        values[2] = own(PyLong_FromLongLong(unbounded_));
-    }
-    static constexpr Name names[] = {Name::holders, Name::amount, Name::unbounded};
-    for (int i = 0; i < 3; ++i) {
-        if (values[i]) {
-            self_.store(names[i], values[i].get());
-        }
-    }
-}
-
-namespace {
-
-// `admits(share, used, limit)` at once in machine numbers, on a standard `_Held` and exact amounts:
-// false, with `*answer` not set, otherwise.
-bool admits_directly(const Self& held, PyObject* share, PyObject* used, PyObject* limit, bool* answer) {
-    HeldNumbers numbers(held);
-    bool unbounded;
-    double amount;
-    double used_amount;
-    double limit_amount;
-    if (!numbers || !share_amount(held.fn(), share, &unbounded, &amount) || !exact_float(used, &used_amount) ||
-        !exact_float(limit, &limit_amount)) {
-        return false;
-    }
-    *answer = numbers.admits(unbounded, used_amount, limit_amount);
-    return true;
-}
-
-}  // namespace
-
-Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit) {
-    FunctionObject* fn = self.fn();
-    if (bool answer; admits_directly(self, share, used, limit, &answer)) {
-        return boolean(answer);
-    }
-    if (is_true(self.get(Name::unbounded).get())) {
-        return boolean(false);
-    }
-    if (is_unbounded(fn, share, self) && is_true(self.get(Name::holders).get())) {
-        return boolean(false);
-    }
-    Ref total = add(used, self.get(Name::amount).get());
-    return compared(total.get(), limit, Py_LT);
-}
-
-namespace {
-
-// `change(numbers, unbounded, amount)`, then the changes stored, at once on a standard `_Held` and a
-// share of an exact amount; false, with nothing changed, otherwise.
-template <typename Change>
-bool change_directly(const Self& held, PyObject* share, Change change) {
-    HeldNumbers numbers(held);
-    bool unbounded;
-    double amount;
-    if (!numbers || !share_amount(held.fn(), share, &unbounded, &amount)) {
-        return false;
-    }
-    change(numbers, unbounded, amount);
-    numbers.store();
-    return true;
-}
-
-void take_numbers(HeldNumbers& numbers, bool unbounded, double amount) { numbers.take(unbounded, amount); }
-void give_back_numbers(HeldNumbers& numbers, bool unbounded, double amount) { numbers.give_back(unbounded, amount); }
-
-}  // namespace
-
-Ref held_take(Self& self, PyObject* share) {
-    FunctionObject* fn = self.fn();
-    if (change_directly(self, share, take_numbers)) {
-        return none();
-    }
-    self.add_to(Name::holders, one(fn));
-    if (is_unbounded(fn, share, self)) {
-        self.add_to(Name::unbounded, one(fn));
-    } else {
-        self.add_to(Name::amount, share);
-    }
-    return none();
-}
-
-Ref held_give_back(Self& self, PyObject* share) {
-    FunctionObject* fn = self.fn();
-    if (change_directly(self, share, give_back_numbers)) {
-        return none();
-    }
-    PyObject* zero = state_of(fn).fast.zero;
-    self.take_from(Name::holders, one(fn), zero_int(fn));
-    if (is_unbounded(fn, share, self)) {
-        self.take_from(Name::unbounded, one(fn), zero_int(fn));
-    } else {
-        self.take_from(Name::amount, share, zero);
-    }
-    // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
-    if (holds(self.get(Name::holders).get(), zero_int(fn), Py_EQ)) {
-        self.set(Name::amount, zero);
-    }
-    return none();
-}
-
-bool admits(FunctionObject* fn, PyObject* held, PyObject* share, PyObject* used, PyObject* limit) {
-    // A standard `_Held` (its three fields alone) shadows no method: `admits` is the class's.
-    Self self(fn, held, Own::_Held);
-    if (bool answer; admits_directly(self, share, used, limit, &answer)) {
-        return answer;
-    }
-    return is_true(self.call(Name::admits, held_admits, share, used, limit).get());
-}
-
-void take(FunctionObject* fn, PyObject* held, PyObject* share) {
-    // A standard `_Held` (its three fields alone) shadows no method: `take` is the class's.
-    if (Self self(fn, held, Own::_Held); !change_directly(self, share, take_numbers)) {
-        self.call(Name::take, held_take, share);
-    }
-}
-
-void give_back(FunctionObject* fn, PyObject* held, PyObject* share) {
-    if (Self self(fn, held, Own::_Held); !change_directly(self, share, give_back_numbers)) {
-        self.call(Name::give_back, held_give_back, share);
-    }
-}
-
-Ref make_share(FunctionObject* fn, PyObject* give_back) {
-    ModuleState& state = state_of(fn);
-    PyObject* own_class = reinterpret_cast<PyObject*>(state.own[static_cast<int>(Own::Share)].type);
-    if (standard_share(fn) && is_own_class(fn, own_class, Own::Share)) {
-        return new_share(state, reinterpret_cast<PyTypeObject*>(own_class), give_back);
-    }
-    Ref cls = global(fn, Name::Share);
-    return call(cls.get(), give_back);
-}
-
-void clear_share_pool(ModuleState& state) {
-    SharePool& pool = state.shares;
-    while (pool.count > 0) {
-        PyObject* share = pool.free[--pool.count];
-        PyTypeObject* type = Py_TYPE(share);
-        _PyObject_ClearManagedDict(share);
-        PyObject_GC_Del(share);
-        Py_DECREF(type);
-    }
-}
-
-Holding::Holding(FunctionObject* fn, PyObject* condition) : fn_(fn), condition_(Ref::borrow(condition)) {
-    find_direct_lock(fn, condition, direct_);
-    if (direct_) {
-        acquire_direct(direct_);
-    } else {
-        call_method(condition, name(fn, Name::__enter__));
-    }
-    held_ = true;
-}
-
-void Holding::leave() {
-    held_ = false;
-    if (direct_) {
-        own(release_direct(direct_));
-    } else {
-        call_method(condition_.get(), name(fn_, Name::__exit__), Py_None, Py_None, Py_None);
-    }
-}
-
-void Holding::notify_all(PyObject* condition) {
-    if (direct_ && condition == condition_.get() && nobody_waits(fn_, direct_, condition)) {
-        return;
-    }
-    call_method(condition, name(fn_, Name::notify_all));
-}
-
-Holding::~Holding() {
-    if (!held_) {
-        return;
-    }
-    PyObject* error = PyErr_GetRaisedException();
-    PyObject* type = error ? reinterpret_cast<PyObject*>(Py_TYPE(error)) : Py_None;
-    PyObject* traceback = error ? PyException_GetTraceback(error) : nullptr;
-    PyObject* args[] = {condition_.get(), type, error ? error : Py_None, traceback ? traceback : Py_None};
-    PyObject* result = direct_ ? release_direct(direct_)
-                               : PyObject_VectorcallMethod(name(fn_, Name::__exit__), args, 4, nullptr);
-    Py_XDECREF(traceback);
-    if (result != nullptr) {
-        Py_DECREF(result);
-        if (error != nullptr) {
-            PyErr_SetRaisedException(error);
-        }
-    } else if (error != nullptr) {
-        PyObject* during_exit = PyErr_GetRaisedException();
-        PyException_SetContext(during_exit, error);
-        PyErr_SetRaisedException(during_exit);
-    } else {
-        // Left without an error but without `leave()` either: nobody can take this one.
-        PyErr_WriteUnraisable(condition_.get());
-    }
-}
-
-void raise_error(FunctionObject* fn, Name cls, const Ref& message) {
-    Ref error_class = global(fn, cls);
-    Ref error = call(error_class.get(), message.get());
-    if (!PyExceptionInstance_Check(error.get())) {
-        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
-    } else {
-        // As a `raise` statement does, this chains the exception being handled, if any.
-        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-    }
-    raise_current();
-}
-
-bool is_unbounded(FunctionObject* fn, PyObject* value, Self& self) {
-    bool result;
-    if (isinf_directly(fn, value, &result)) {
-        return result;
+bool is_unbounded(FunctionObject* fn, const Value& value) {
+    double number;
+    if ((value.is_real() || value.is_integer()) && is_standard(fn, Fact::math_isinf)) {
+        // `math.isinf` of an int converts it to a float first, which an int of 64 bits survives.
+        number = value.is_real() ? value.real() : static_cast<double>(value.integer());
+        return std::isinf(number);
     }
     Ref math = global(fn, Name::math);
     Ref isinf = getattr(math.get(), name(fn, Name::isinf));
-    result = is_true(call(isinf.get(), value).get());
-    self.refresh();
-    return result;
+    return truth(Value::own(call(isinf.get(), value.get())));
+}
+
+Value made_by(FunctionObject* fn, Name module, Name attribute) {
+    Ref found = global(fn, module);
+    Ref maker = getattr(found.get(), name(fn, attribute));
+    return Value::own(call(maker.get()));
+}
+
+void add_to(Record& self, Name field, const Value& step) { self.set(field, add_in_place(self.get(field), step)); }
+
+void add_from(Record& self, Name field, const Value& reply, Name paid) {
+    Value value = self.get(field);
+    Value step = Value::own(getattr(reply.get(), name(self.fn(), paid)));
+    self.set(field, add_in_place(value, step));
+}
+
+void one_less(Record& self, Name field) {
+    self.set(field, at_least(self.fn(), zero(), [&] { return subtract(self.get(field), one()); }));
+}
+
+Value new_share_of(FunctionObject* fn, const Ref& cls, const Value& give_back) {
+    ModuleState& state = state_of(fn);
+    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+    if (is_own_class(state, type, Own::Share)) {
+        return Value::own(new_share(state, type, give_back.get()));
+    }
+    return Value::own(call(cls.get(), give_back.get()));
+}
+
+Value held_admits(Record& self, const Value& share, const Value& used, const Value& limit) {
+    FunctionObject* fn = self.fn();
+    if (truth(self.get(Name::unbounded))) {
+        return false_value();
+    }
+    if (is_unbounded(fn, share) && truth(self.get(Name::holders))) {
+        return false_value();
+    }
+    return compare(add(used, self.get(Name::amount)), limit, Py_LT);
+}
+
+Value held_take(Record& self, const Value& share) {
+    FunctionObject* fn = self.fn();
+    self.set(Name::holders, add_in_place(self.get(Name::holders), one()));
+    if (is_unbounded(fn, share)) {
+        self.set(Name::unbounded, add_in_place(self.get(Name::unbounded), one()));
+    } else {
+        self.set(Name::amount, add_in_place(self.get(Name::amount), share));
+    }
+    return none_value();
+}
+
+Value held_give_back(Record& self, const Value& share) {
+    FunctionObject* fn = self.fn();
+    self.set(Name::holders, at_least(fn, zero(), [&] { return subtract(self.get(Name::holders), one()); }));
+    if (is_unbounded(fn, share)) {
+        self.set(Name::unbounded, at_least(fn, zero(), [&] { return subtract(self.get(Name::unbounded), one()); }));
+    } else {
+        self.set(Name::amount, at_least(fn, zero_float(fn), [&] { return subtract(self.get(Name::amount), share); }));
+    }
+    // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
+    if (holds(self.get(Name::holders), zero(), Py_EQ)) {
+        self.set(Name::amount, zero_float(fn));
+    }
+    return none_value();
+}
+
+Value wait_checks(FunctionObject* fn, const Value& stopping, const Value& deadline, const Value& clock) {
+    if (truth(Value::own(call(stopping.get())))) {
+        raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
+    }
+    Value timeout = Value::own(global(fn, Name::_POLL_S));
+    if (deadline.get() != Py_None && clock.get() != Py_None) {
+        Value left = subtract(deadline, Value::own(call(clock.get())));
+        if (holds(left, zero(), Py_LE)) {
+            raise_error(fn, Name::DecisionTimeout,
+                        "the decision call ran out of its deadline while the calls in flight held the rest of "
+                        "the daily cost cap");
+        }
+        // `min(_POLL_S, left)`: the wait never runs past the deadline.
+        timeout = call_builtin(
+            fn, Fact::min, Name::min, [&] { return std::tuple<Value, Value>{Value::own(global(fn, Name::_POLL_S)), left}; },
+            [](const Value& kept, const Value& other) { return smaller(kept, other); });
+    }
+    return timeout;
 }
 
 void add_shares(PyObject* module) {
@@ -615,6 +447,28 @@ void add_shares(PyObject* module) {
 
     Ref kwdefaults = own(Py_BuildValue("{sOsO}", "deadline", Py_None, "clock", Py_None));
     bind(module, "_wait", make_function(module, wait_def, nullptr, kwdefaults.get()));
+}
+
+int traverse_share_pool(ModuleState& state, visitproc visit, void* arg) {
+    for (int i = 0; i < state.shares.count; ++i) {
+        PyObject* share = state.shares.free[i];
+        Py_VISIT(Py_TYPE(share));
+        if (int result = cpython::visit_managed_dict(share, visit, arg)) {
+            return result;
+        }
+    }
+    return 0;
+}
+
+void clear_share_pool(ModuleState& state) {
+    SharePool& pool = state.shares;
+    while (pool.count > 0) {
+        PyObject* share = pool.free[--pool.count];
+        PyTypeObject* type = Py_TYPE(share);
+        cpython::clear_managed_dict(share);
+        PyObject_GC_Del(share);
+        Py_DECREF(type);
+    }
 }
 
 }  // namespace decision_bounds

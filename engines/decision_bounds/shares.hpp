@@ -1,106 +1,111 @@
 // Shares and admission: the give-back-exactly-once `Share`, the held-amount record `_Held` with the
-// one admission rule of every bound, and `_wait`, the bounded wait for room. Also the pieces the
-// bounds share: the `with` block on an owner's condition, the making of shares, the test for an
-// unbounded amount and the raising of the module's errors.
+// one admission rule of every bound, and `_wait`, the bounded wait for room. Also what the bounds
+// share: their methods' bodies as the function type runs them, making a share, the test for an
+// unbounded amount, calling a builtin as the code would.
 #pragma once
 
-#include "fast.hpp"
+#include <tuple>
+#include <utility>
+
+#include "condition.hpp"
+#include "record.hpp"
 
 namespace decision_bounds {
 
+// The body (function.hpp) of a method of the class `cls` from its implementation on a record,
+// `impl(self, args...)`, which takes and gives `Value`s.
+template <typename Impl>
+struct Arity;
+template <typename... Args>
+struct Arity<Value (*)(Record&, Args...)> {
+    static constexpr size_t value = sizeof...(Args);
+};
+
+template <Own cls, auto impl>
+Ref method(FunctionObject* fn, PyObject* const* args) {
+    Record self(fn, args[0], cls);
+    return [&]<size_t... I>(std::index_sequence<I...>) {
+        return impl(self, Value::borrow(args[I + 1])...).ref();
+    }(std::make_index_sequence<Arity<decltype(impl)>::value>());
+}
+
+// The ints 0 and 1 and the float 0.0, as the constants of the code are.
+inline Value zero() { return Value::of(0LL); }
+inline Value one() { return Value::of(1LL); }
+inline Value zero_float(FunctionObject* fn) { return Value::borrow(state_of(fn).standard.zero); }
+inline Value none_value() { return Value::other(none()); }
+inline Value false_value() { return Value::other(boolean(false)); }
+
+// A builtin called as the code calls it, `builtin(args...)`: the name looked up first, then the
+// arguments evaluated (`arguments()` gives them, as a tuple), then the call; `standard(args...)`
+// gives the result when the name is the standard builtin.
+template <typename Arguments, typename Standard>
+Value call_builtin(FunctionObject* fn, Fact fact, Name builtin, Arguments&& arguments, Standard&& standard) {
+    if (is_standard(fn, fact)) {
+        return std::apply(standard, arguments());
+    }
+    Ref function = global(fn, builtin);
+    return std::apply([&](const auto&... args) { return Value::own(call(function.get(), args.get()...)); },
+                      arguments());
+}
+
+// `math.isinf(value)`, with `math` read from the namespace.
+bool is_unbounded(FunctionObject* fn, const Value& value);
+
+// `<module>.<attribute>()`, the module read from the namespace.
+Value made_by(FunctionObject* fn, Name module, Name attribute);
+
+// Statements on a record's fields, as the code writes them.
+void add_to(Record& self, Name field, const Value& step);             // `self.<field> += step`
+void add_from(Record& self, Name field, const Value& reply, Name paid);  // `self.<field> += reply.<paid>`
+void one_less(Record& self, Name field);                               // `self.<field> = max(0, self.<field> - 1)`
+
+// `try: body() finally: cleanup()`: `cleanup` runs whatever `body` raised, and then `body`'s
+// exception goes on; an exception from `cleanup` takes its place, with it as its context.
+template <typename Body, typename Cleanup>
+void try_finally(Body&& body, Cleanup&& cleanup) {
+    try {
+        body();
+    } catch (const PythonError&) {
+        Ref pending = Ref::steal(PyErr_GetRaisedException());
+        try {
+            cleanup();
+        } catch (const PythonError&) {
+            PyObject* later = PyErr_GetRaisedException();
+            PyException_SetContext(later, pending.release());
+            PyErr_SetRaisedException(later);
+            throw;
+        }
+        PyErr_SetRaisedException(pending.release());
+        throw;
+    }
+    cleanup();
+}
+
+// `Share(give_back)` as the code makes one: `Share` read from the namespace first, then
+// `give_back()` evaluated, then the call.
+Value new_share_of(FunctionObject* fn, const Ref& cls, const Value& give_back);
+template <typename GiveBack>
+Value make_share(FunctionObject* fn, GiveBack&& give_back) {
+    PyObject* own = reinterpret_cast<PyObject*>(state_of(fn).own[static_cast<int>(Own::Share)].type);
+    Ref cls = is_standard(fn, Fact::Share) ? Ref::borrow(own) : global(fn, Name::Share);
+    Value argument = give_back();
+    return new_share_of(fn, cls, argument);
+}
+
+// `_Held`'s methods, for the owners that call them directly.
+Value held_admits(Record& self, const Value& share, const Value& used, const Value& limit);
+Value held_take(Record& self, const Value& share);
+Value held_give_back(Record& self, const Value& share);
+
+// What `_wait` does before it waits: the stop test, then the deadline test; raises as `_wait` does,
+// and otherwise gives the timeout of the wait.
+Value wait_checks(FunctionObject* fn, const Value& stopping, const Value& deadline, const Value& clock);
+
 // Binds `Share`, `_Held` and `_wait` in the module's namespace.
 void add_shares(PyObject* module);
-// Frees the shares kept for reuse (when the module is cleared).
+// The shares kept for reuse, shown to the garbage collector and let go of with the module.
+int traverse_share_pool(ModuleState& state, visitproc visit, void* arg);
 void clear_share_pool(ModuleState& state);
-
-// `Share(give_back)`, with `Share` as the namespace has it now.
-Ref make_share(FunctionObject* fn, PyObject* give_back);
-
-// A `_Held` in machine numbers, for the direct paths of its methods and of its owners: exactly a
-// `_Held` of the class as start-up left it, its dict holding its three fields alone, `holders` and
-// `unbounded` exact ints and `amount` an exact float. Changes are kept until `store`.
-class HeldNumbers {
-public:
-    HeldNumbers(FunctionObject* fn, PyObject* held) : HeldNumbers(Self(fn, held, Own::_Held)) {}
-    explicit HeldNumbers(const Self& held);
-    // False when `held` is not such a `_Held`: nothing else may be asked then.
-    explicit operator bool() const noexcept { return loaded_; }
-
-    // What `admits`, `take` and `give_back` do, for a share that is unbounded or else `share`.
-    bool admits(bool unbounded, double used, double limit) const;
-    void take(bool unbounded, double share);
-    void give_back(bool unbounded, double share);
-    // Writes the fields that changed into the dict.
-    void store() const;
-
-private:
-    Self self_;
-    bool loaded_ = false;
-    long long holders_ = 0;
-    double amount_ = 0.0;
-    long long unbounded_ = 0;
-    bool amount_zeroed_ = false;  // set to the constant 0.0, as the code does once nothing is held
-    bool changed_[3] = {};
-};
-
-// A share as the direct paths take it: whether it is unbounded (`math.isinf`, the standard one),
-// and else its amount, exactly a float. False when that cannot be known without calling code.
-bool share_amount(FunctionObject* fn, PyObject* share, bool* unbounded, double* amount);
-
-// `_Held.admits`, `take` and `give_back` as the bodies of the methods.
-Ref held_admits(Self& self, PyObject* share, PyObject* used, PyObject* limit);
-Ref held_take(Self& self, PyObject* share);
-Ref held_give_back(Self& self, PyObject* share);
-
-// `held.admits(share, used, limit)` (as an `if` takes it), `held.take(share)` and
-// `held.give_back(share)` for the owners: at once on a standard `_Held` (which also proves that
-// nothing shadows the method), as method calls otherwise.
-bool admits(FunctionObject* fn, PyObject* held, PyObject* share, PyObject* used, PyObject* limit);
-void take(FunctionObject* fn, PyObject* held, PyObject* share);
-void give_back(FunctionObject* fn, PyObject* held, PyObject* share);
-
-// A `with condition:` block. `leave()` ends it normally (what `__exit__` raises then passes out);
-// if the block is left by an exception instead, `__exit__` gets that exception, as the `with`
-// statement gives it, and an exception from `__exit__` itself is chained to it.
-//
-// For a standard `threading.Condition` over its default lock, whose `__enter__` and `__exit__` only
-// take and release that lock, the block takes and releases the lock itself (fast.hpp).
-class Holding {
-public:
-    Holding(FunctionObject* fn, PyObject* condition);
-    Holding(const Holding&) = delete;
-    Holding& operator=(const Holding&) = delete;
-    ~Holding();
-
-    void leave();
-    // `condition.notify_all()`, inside the block, for a condition read afresh: nothing when it is
-    // still the one held and the notification would wake nobody (fast.hpp).
-    void notify_all(PyObject* condition);
-
-private:
-    FunctionObject* fn_;
-    Ref condition_;
-    DirectLock direct_;
-    bool held_ = false;
-};
-
-// The result of `body()` computed inside `with condition:`.
-template <typename Body>
-Ref holding(FunctionObject* fn, PyObject* condition, Body&& body) {
-    Holding held(fn, condition);
-    Ref result = body();
-    held.leave();
-    return result;
-}
-
-// Raises the module's exception class `cls`, looked up in the namespace, with one message.
-[[noreturn]] void raise_error(FunctionObject* fn, Name cls, const Ref& message);
-[[noreturn]] inline void raise_error(FunctionObject* fn, Name cls, const char* message) {
-    raise_error(fn, cls, text(message));
-}
-
-// `math.isinf(value)`, with `math` looked up in the namespace. When that runs code of the caller's,
-// `self` is refreshed after it.
-bool is_unbounded(FunctionObject* fn, PyObject* value, Self& self);
 
 }  // namespace decision_bounds

@@ -1,0 +1,289 @@
+#include "condition.hpp"
+
+namespace decision_bounds {
+namespace {
+
+// Where `threading.Condition.__init__` puts what the shortcuts read of a condition over the
+// reentrant lock: `_lock` first, then `acquire`, `release`, `_release_save`, `_acquire_restore`,
+// `_is_owned`, `_waiters`.
+constexpr Py_ssize_t lock_place = 0;
+constexpr Py_ssize_t is_owned_place = 5;
+constexpr Py_ssize_t waiters_place = 6;
+
+// `dict[key]` at `place` or by lookup, borrowed, or null; a failed lookup counts as absent.
+PyObject* entry_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
+    PyObject* found;
+    PyObject* value;
+    if (PyDict_Next(dict, &place, &found, &value) && found == key) {
+        return value;
+    }
+    value = PyDict_GetItemWithError(dict, key);
+    if (value == nullptr) {
+        PyErr_Clear();
+    }
+    return value;
+}
+
+PyObject* instance_dict(PyObject* object) {
+    PyObject** slot = cpython::dict_slot(object);
+    return slot != nullptr && *slot != nullptr && PyDict_CheckExact(*slot) ? *slot : nullptr;
+}
+
+// Whether `type` is the standard condition class as the shortcuts expect it: its `with` block and
+// notifications are the standard methods, and no class attribute stands before the instance's own
+// `_lock`, `_waiters` and `_is_owned` (no data descriptor). Checked once per version of the class.
+bool standard_condition(ModuleState& state, PyTypeObject* type) {
+    Standard& standard = state.standard;
+    if (type != standard.condition_type || type == nullptr) {
+        return false;
+    }
+    if (standard.condition_version != 0 && type->tp_version_tag == standard.condition_version) {
+        return true;
+    }
+    const Name methods[] = {Name::__enter__, Name::__exit__, Name::notify_all, Name::notify};
+    for (int i = 0; i < 4; ++i) {
+        if (cpython::type_lookup(type, name(state, methods[i])) != standard.condition_methods[i]) {
+            return false;
+        }
+    }
+    for (Name own : {Name::_lock, Name::_waiters, Name::_is_owned}) {
+        PyObject* descr = cpython::type_lookup(type, name(state, own));
+        if (descr != nullptr && Py_TYPE(descr)->tp_descr_set != nullptr) {
+            return false;
+        }
+    }
+    if (!cpython::assign_version(type)) {
+        return false;
+    }
+    standard.condition_version = type->tp_version_tag;
+    return true;
+}
+
+// `type(manager).<special>`, bound to the manager as the `with` statement binds it; null if the
+// type has none.
+Ref special_method(PyObject* manager, PyObject* special) {
+    PyObject* found = cpython::type_lookup(Py_TYPE(manager), special);
+    if (found == nullptr) {
+        return Ref();
+    }
+    Ref method = Ref::borrow(found);  // binding may run code that takes it off the class
+    if (descrgetfunc bind = Py_TYPE(found)->tp_descr_get) {
+        return own(bind(method.get(), manager, reinterpret_cast<PyObject*>(Py_TYPE(manager))));
+    }
+    return method;
+}
+
+// The C function behind a method of a built-in type, when it takes the arguments `flags` says.
+PyCFunction c_function(PyTypeObject* type, const char* method, int flags) {
+    Ref descr = own(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), method));
+    if (!Py_IS_TYPE(descr.get(), &PyMethodDescr_Type)) {
+        return nullptr;
+    }
+    PyMethodDef* def = reinterpret_cast<PyMethodDescrObject*>(descr.get())->d_method;
+    if ((def->ml_flags & ~METH_COEXIST) != flags) {
+        return nullptr;
+    }
+    return def->ml_meth;
+}
+
+PyCFunctionWithKeywords c_function_with_keywords(PyTypeObject* type, const char* method) {
+    // A method that takes keywords is stored as a plain `PyCFunction`; it is called as what it is.
+    return reinterpret_cast<PyCFunctionWithKeywords>(
+        reinterpret_cast<void (*)()>(c_function(type, method, METH_VARARGS | METH_KEYWORDS)));
+}
+
+}  // namespace
+
+Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(manager.ref()) {
+    ModuleState& state = state_of(fn);
+    const Standard& standard = state.standard;
+    PyObject* object = manager_.get();
+    PyTypeObject* type = Py_TYPE(object);
+    PyCFunctionWithKeywords acquire = nullptr;
+    if (type == standard.lock_type && type != nullptr) {
+        // Its class cannot change: its `__enter__` and `__exit__` are its C `acquire` and `release`.
+        lock_ = manager_;
+        acquire = standard.lock_acquire;
+        release_ = standard.lock_release;
+    } else if (standard_condition(state, type)) {
+        // The class's `__enter__` and `__exit__` pass on to its lock's own.
+        PyObject* dict = instance_dict(object);
+        PyObject* lock = dict != nullptr ? entry_at(dict, lock_place, name(state, Name::_lock)) : nullptr;
+        if (lock != nullptr && Py_TYPE(lock) == standard.rlock_type) {
+            lock_ = Ref::borrow(lock);
+            acquire = standard.rlock_acquire;
+            release_ = standard.rlock_release;
+        }
+    }
+    if (lock_) {
+        // Waits with the interpreter lock released, as the method does.
+        own(acquire(lock_.get(), standard.empty_tuple, nullptr));
+        entered_ = true;
+        return;
+    }
+    Ref enter = special_method(object, name(state, Name::__enter__));
+    if (!enter) {
+        if (!PyErr_Occurred()) {
+            PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
+                         type->tp_name);
+        }
+        raise_current();
+    }
+    exit_ = special_method(object, name(state, Name::__exit__));
+    if (!exit_) {
+        if (!PyErr_Occurred()) {
+            PyErr_Format(PyExc_TypeError,
+                         "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
+                         type->tp_name);
+        }
+        raise_current();
+    }
+    call(enter.get());
+    entered_ = true;
+}
+
+bool Entered::release_directly() {
+    entered_ = false;
+    Ref done = Ref::steal(release_(lock_.get(), nullptr));
+    return static_cast<bool>(done);
+}
+
+void Entered::exit() {
+    if (lock_) {
+        if (!release_directly()) {
+            raise_current();
+        }
+        return;
+    }
+    entered_ = false;
+    call(exit_.get(), Py_None, Py_None, Py_None);
+}
+
+bool Entered::exit_with_error() {
+    if (lock_) {
+        Ref error = Ref::steal(PyErr_GetRaisedException());
+        if (!release_directly()) {
+            PyObject* later = PyErr_GetRaisedException();
+            PyException_SetContext(later, error.release());
+            PyErr_SetRaisedException(later);
+            return false;
+        }
+        PyErr_SetRaisedException(error.release());
+        return false;
+    }
+    entered_ = false;
+    Ref error = Ref::steal(PyErr_GetRaisedException());
+    Ref traceback = Ref::steal(PyException_GetTraceback(error.get()));
+    // While `__exit__` runs, the exception is the one being handled, as inside the statement.
+    Ref before = Ref::steal(PyErr_GetHandledException());
+    PyErr_SetHandledException(error.get());
+    PyObject* args[] = {reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
+                        traceback ? traceback.get() : Py_None};
+    Ref result = Ref::steal(PyObject_Vectorcall(exit_.get(), args, 3, nullptr));
+    PyErr_SetHandledException(before.get());
+    if (!result) {
+        PyObject* later = PyErr_GetRaisedException();
+        if (later != error.get()) {
+            Ref context = Ref::steal(PyException_GetContext(later));
+            if (!context) {
+                PyException_SetContext(later, error.release());
+            }
+        }
+        PyErr_SetRaisedException(later);
+        return false;
+    }
+    int suppressed = PyObject_IsTrue(result.get());
+    if (suppressed < 0) {
+        return false;  // what the truth test raised stands
+    }
+    if (suppressed == 0) {
+        PyErr_SetRaisedException(error.release());
+        return false;
+    }
+    return true;
+}
+
+Entered::~Entered() noexcept(false) {
+    if (!entered_ || !thread_is_attached()) {
+        return;
+    }
+    // Left by something that was no Python error and went past `with` (it cannot happen as the
+    // template is written): release what was taken, reporting nothing.
+    PyObject* pending = PyErr_GetRaisedException();
+    if (lock_) {
+        release_directly();
+    } else {
+        Ref ignored = Ref::steal(PyObject_CallFunctionObjArgs(exit_.get(), Py_None, Py_None, Py_None, nullptr));
+    }
+    PyErr_Clear();
+    PyErr_SetRaisedException(pending);
+}
+
+void notify_all(FunctionObject* fn, const Value& condition) {
+    ModuleState& state = state_of(fn);
+    const Standard& standard = state.standard;
+    PyObject* object = condition.get();
+    // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
+    // empty, once `self._is_owned()` has said that this thread holds the lock.
+    if (standard_condition(state, Py_TYPE(object))) {
+        Ref dict = Ref::borrow(instance_dict(object));
+        // The lookups first: they may run code. Then the entries, read with nothing run between.
+        if (dict && check(PyDict_Contains(dict.get(), name(state, Name::notify_all))) == 0 &&
+            check(PyDict_Contains(dict.get(), name(state, Name::notify))) == 0) {
+            PyObject* waiters = entry_at(dict.get(), waiters_place, name(state, Name::_waiters));
+            PyObject* is_owned = entry_at(dict.get(), is_owned_place, name(state, Name::_is_owned));
+            if (waiters != nullptr && Py_TYPE(waiters) == standard.deque_type && PyObject_Size(waiters) == 0 &&
+                is_owned != nullptr && PyCFunction_Check(is_owned) &&
+                PyCFunction_GET_FUNCTION(is_owned) == standard.rlock_is_owned &&
+                Py_TYPE(PyCFunction_GET_SELF(is_owned)) == standard.rlock_type) {
+                Ref lock = Ref::borrow(PyCFunction_GET_SELF(is_owned));
+                Ref owned = own(standard.rlock_is_owned(lock.get(), nullptr));
+                if (owned.get() == Py_True) {
+                    return;
+                }
+            }
+        }
+    }
+    call_method(object, name(state, Name::notify_all));
+}
+
+void find_standard_locks(PyObject* module) {
+    Standard& standard = state_of(module).standard;
+    auto attribute = [](PyObject* object, const char* key) { return own(PyObject_GetAttrString(object, key)); };
+    Ref threading = own(PyImport_ImportModule("threading"));
+    Ref condition = attribute(threading.get(), "Condition");
+    Ref deque = attribute(own(PyImport_ImportModule("collections")).get(), "deque");
+    // The lock that a condition made without one holds: the C reentrant lock, whose methods nobody
+    // can replace.
+    Ref thread = own(PyImport_ImportModule("_thread"));
+    Ref rlock = attribute(thread.get(), "RLock");
+    if (PyType_Check(condition.get()) && PyType_Check(deque.get()) && PyType_Check(rlock.get()) &&
+        PyType_HasFeature(reinterpret_cast<PyTypeObject*>(rlock.get()), Py_TPFLAGS_IMMUTABLETYPE)) {
+        auto* type = reinterpret_cast<PyTypeObject*>(rlock.get());
+        standard.rlock_acquire = c_function_with_keywords(type, "acquire");
+        standard.rlock_release = c_function(type, "release", METH_NOARGS);
+        standard.rlock_is_owned = c_function(type, "_is_owned", METH_NOARGS);
+        auto* cls = reinterpret_cast<PyTypeObject*>(condition.get());
+        if (standard.rlock_acquire && standard.rlock_release && standard.rlock_is_owned && cpython::assign_version(cls)) {
+            const char* methods[] = {"__enter__", "__exit__", "notify_all", "notify"};
+            for (int i = 0; i < 4; ++i) {
+                standard.condition_methods[i] = attribute(condition.get(), methods[i]).release();
+            }
+            standard.condition_version = cls->tp_version_tag;
+            standard.condition_type = reinterpret_cast<PyTypeObject*>(condition.release());
+            standard.deque_type = reinterpret_cast<PyTypeObject*>(deque.release());
+            standard.rlock_type = reinterpret_cast<PyTypeObject*>(rlock.release());
+        }
+    }
+    Ref plain = call(attribute(thread.get(), "allocate_lock").get());
+    PyTypeObject* lock_type = Py_TYPE(plain.get());
+    if (PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE)) {
+        standard.lock_acquire = c_function_with_keywords(lock_type, "acquire");
+        standard.lock_release = c_function(lock_type, "release", METH_NOARGS);
+        if (standard.lock_acquire && standard.lock_release) {
+            standard.lock_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(lock_type));
+        }
+    }
+}
+
+}  // namespace decision_bounds

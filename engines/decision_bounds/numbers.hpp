@@ -1,0 +1,82 @@
+// Amounts and counters as the module's code computes them.
+//
+// A `Value` owns what it holds: a Python object, and, when that object is exactly an int that fits
+// 64 bits or exactly a float, the machine number too; a value computed in machine numbers gets its
+// object only when something needs one. The arithmetic and comparisons below give what the number
+// types give: in machine numbers where that is the same result, and otherwise by asking the
+// objects, which may run the caller's code.
+#pragma once
+
+#include "pyref.hpp"
+
+namespace decision_bounds {
+
+class Value {
+public:
+    Value() noexcept = default;
+
+    // The value of an object, taken over or borrowed.
+    static Value own(Ref object) {
+        Value value;
+        PyObject* p = object.get();
+        if (PyFloat_CheckExact(p)) {
+            value.kind_ = Kind::real;
+            value.real_ = PyFloat_AS_DOUBLE(p);
+        } else if (PyLong_CheckExact(p) && cpython::is_compact(p)) {
+            value.kind_ = Kind::integer;
+            value.integer_ = cpython::compact_value(p);
+        } else {
+            value.classify_other(p);
+        }
+        value.object_ = std::move(object);
+        return value;
+    }
+    static Value borrow(PyObject* object) { return own(Ref::borrow(object)); }
+    // An object known to be no int or float (None, a bool, a text): nothing to classify.
+    static Value other(Ref object) noexcept {
+        Value value;
+        value.kind_ = Kind::object;
+        value.object_ = std::move(object);
+        return value;
+    }
+    // A number computed in machine arithmetic.
+    static Value of(long long number) noexcept;
+    static Value of(double number) noexcept;
+
+    explicit operator bool() const noexcept { return kind_ != Kind::unset; }
+    bool is_integer() const noexcept { return kind_ == Kind::integer; }
+    bool is_real() const noexcept { return kind_ == Kind::real; }
+    long long integer() const noexcept { return integer_; }
+    double real() const noexcept { return real_; }
+    // The number as a float when it is exactly one: a float, or an int of at most 2**53 either way.
+    bool exact_float(double* out) const noexcept;
+
+    // The object (made when first asked for), borrowed from the value.
+    PyObject* get() const;
+    Ref ref() const { return Ref::borrow(get()); }
+
+private:
+    enum class Kind : unsigned char { unset, object, integer, real };
+
+    void classify_other(PyObject* object);
+
+    Kind kind_ = Kind::unset;
+    long long integer_ = 0;
+    double real_ = 0.0;
+    mutable Ref object_;
+};
+
+Value add(const Value& a, const Value& b);           // `a + b`
+Value add_in_place(const Value& a, const Value& b);  // `a += b`
+Value subtract(const Value& a, const Value& b);      // `a - b`
+Value multiply(const Value& a, const Value& b);      // `a * b`
+Value divide(const Value& a, const Value& b);        // `a / b`
+Value compare(const Value& a, const Value& b, int op);  // `a <op> b`, the result as it is
+bool holds(const Value& a, const Value& b, int op);      // `bool(a <op> b)`, as an `if` takes it
+bool truth(const Value& value);                          // `bool(value)`
+// What the built-in `max(kept, candidate)` and `min(kept, candidate)` give: `candidate` only when it
+// is strictly greater (smaller), else `kept`, the very object.
+Value larger(const Value& kept, const Value& candidate);
+Value smaller(const Value& kept, const Value& candidate);
+
+}  // namespace decision_bounds
