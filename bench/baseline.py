@@ -1,9 +1,11 @@
-"""The module's hot paths written in plain Python, as a yardstick for the native module.
+"""The module written in plain Python: what the native module must be indistinguishable from.
 
-Benchmark code only: nothing in the package or its tests imports it. It follows the same
-algorithms step by step (the same lock, the same condition, the same admission rule, the same
-order of reads and writes), so that timing it beside the native module measures what the native
-code buys and nothing else. Docstrings and annotations are left out; they cost nothing at run time.
+The tests run the same operations on the native module and on this one and compare what they
+return, raise, read, write and log, so it follows the described behaviour step by step: the same
+lock, the same condition, the same admission rule, the same order of reads and writes. The
+benchmarks time it beside the native module, so it stays plain: nothing on the hot paths that the
+described code would not do. Docstrings and most annotations are left out; they cost nothing at run
+time.
 """
 
 from __future__ import annotations
@@ -12,6 +14,7 @@ import functools
 import logging
 import math
 import threading
+from collections.abc import Callable
 from dataclasses import dataclass, field
 
 logger = logging.getLogger(__name__)
@@ -24,6 +27,10 @@ class DecisionError(RuntimeError):
 
 
 class DecisionBudgetExceeded(DecisionError):
+    pass
+
+
+class DecisionUnavailable(DecisionError):
     pass
 
 
@@ -152,7 +159,7 @@ class RunBudget:
     cost: float = 0.0
     cache_hits: int = 0
     in_flight: int = 0
-    should_stop: object = field(default=never, repr=False, compare=False)
+    should_stop: Callable[[], bool] = field(default=never, repr=False, compare=False)
     _held_tokens: _Held = field(default_factory=_Held, repr=False, compare=False)
     _changed: threading.Condition = field(default_factory=threading.Condition, repr=False, compare=False)
 
@@ -274,11 +281,15 @@ class DailySpend:
 
     def _give_back(self, held, reply):
         with self._changed:
-            if reply is not None:
-                self._today_locked()
-                self._cost += reply.cost
-            self._held.give_back(held)
-            self._changed.notify_all()
+            # Given back even when counting the reply fails: no call holds the amount any more, and
+            # left held it would keep later admissions waiting for good.
+            try:
+                if reply is not None:
+                    self._today_locked()
+                    self._cost += reply.cost
+            finally:
+                self._held.give_back(held)
+                self._changed.notify_all()
 
     def _today_locked(self):
         today = self._today()

@@ -1,10 +1,17 @@
 """What the tests share: a reply as the client gives one, a look at an owner's lock, a fresh
-interpreter."""
+interpreter, a fresh copy of the module, and the module's plain-Python twin to compare it with."""
 
+import contextlib
+import functools
+import importlib
+import importlib.util
+import pathlib
 import subprocess
 import sys
 import textwrap
 import threading
+
+NAME = "engines.decision_bounds"
 
 
 class Reply:
@@ -17,6 +24,20 @@ class Reply:
 
     def __repr__(self):
         return f"Reply(cost={self.cost!r}, input_tokens={self.input_tokens!r}, cached={self.cached!r})"
+
+
+class NoCost:
+    """A paid reply whose cost cannot be read."""
+
+    cached, input_tokens = False, 5
+
+    @property
+    def cost(self):
+        raise ValueError("no cost")
+
+
+def failing(*_):
+    raise ValueError("failed")
 
 
 def lock_is_free(condition, timeout=2.0):
@@ -34,7 +55,59 @@ def lock_is_free(condition, timeout=2.0):
     return got == [True]
 
 
+def python(code, timeout=120):
+    """`code` run in a fresh interpreter: its exit status, stdout and stderr."""
+    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True,
+                          timeout=timeout)
+
+
 def run_python(code):
     """What `code` prints in a fresh interpreter, with its stderr if it fails."""
-    out = subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True, timeout=120)
+    out = python(code)
     return out.stdout.strip() + ("" if out.returncode == 0 else "\n" + out.stderr)
+
+
+@functools.cache
+def twin():
+    """The module written in plain Python (bench/baseline.py), loaded once under a private name."""
+    path = pathlib.Path(__file__).resolve().parent.parent / "bench" / "baseline.py"
+    spec = importlib.util.spec_from_file_location("_decision_bounds_twin", path)
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[spec.name] = module  # its functions pickle by reference, as the module's do
+    spec.loader.exec_module(module)
+    return module
+
+
+@contextlib.contextmanager
+def fresh_module():
+    """A new import of the module, its classes as start-up left them whatever other tests did to the
+    imported one; the imported one is put back afterwards."""
+    import engines
+
+    importlib.import_module(NAME)
+    saved, attribute = sys.modules.pop(NAME), engines.decision_bounds
+    try:
+        yield importlib.import_module(NAME)
+    finally:
+        sys.modules[NAME], engines.decision_bounds = saved, attribute
+
+
+def outcome(operation):
+    """What an operation gave, comparable between the module and its twin."""
+    try:
+        result = operation()
+    except Exception as error:  # noqa: BLE001 - compared, not handled
+        return "raised", type(error).__name__, str(error)
+    text = repr(result)
+    return "returned", type(result).__name__ if " at 0x" in text else text  # a share, say: not its address
+
+
+SKIPPED = {"_changed", "_lock", "should_stop", "_today", "_ledger"}
+
+
+def fields(obj):
+    """An object's own attributes by repr (which tells 0 from 0.0 and shows nan), in their order, the
+    module's records inside it included; the callables and locks that both sides hold alike are
+    left out."""
+    return [(str(key), fields(value) if type(value).__name__ in ("_Held", "_Charges") else repr(value))
+            for key, value in vars(obj).items() if key not in SKIPPED]

@@ -4,7 +4,6 @@ taken only for the standard objects, and anything else gets the plain calls as b
 import threading
 import time
 import types
-import weakref
 
 import pytest
 
@@ -59,25 +58,6 @@ def test_a_notify_all_replaced_on_the_class_or_instance_is_called(monkeypatch, w
         daily._changed.notify_all = lambda: seen.append(daily._changed)
     settle_one(daily)
     assert seen == [daily._changed]
-
-
-def test_fields_behind_a_property_go_through_it():
-    class Counted(db._Held):
-        sets = []
-
-        @property
-        def amount(self):
-            return self.__dict__.get("_amount", 0.0)
-
-        @amount.setter
-        def amount(self, value):
-            self.sets.append(value)
-            self.__dict__["_amount"] = value
-
-    held = Counted()
-    held.take(2.5)
-    held.give_back(2.5)
-    assert Counted.sets == [0.0, 2.5, 0.0, 0.0] and "amount" not in vars(held)
 
 
 def test_making_a_share_runs_what_the_class_has(monkeypatch):
@@ -148,12 +128,3 @@ def test_names_rebound_after_use_are_the_ones_used(monkeypatch):
     assert type(budget.hold(1.0)) is Recording
     share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
     assert type(share) is Recording and made == [(daily._give_back, 1.0)]
-
-
-def test_a_freed_share_leaves_what_else_refers_to_alone():
-    callback = print
-    share = db.Share(callback)
-    kept_dict, ref = vars(share), weakref.ref(share)
-    del share
-    assert ref() is None and kept_dict == {"_give_back": callback}
-    assert all(vars(db.Share(len)) is not kept_dict for _ in range(100))
