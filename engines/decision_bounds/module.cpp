@@ -220,6 +220,9 @@ PyModuleDef module_def = {
 };
 
 }  // namespace
+
+PyModuleDef& module_definition() { return module_def; }
+
 }  // namespace decision_bounds
 
 PyMODINIT_FUNC PyInit_decision_bounds() { return PyModuleDef_Init(&decision_bounds::module_def); }

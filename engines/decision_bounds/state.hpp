@@ -105,6 +105,8 @@ struct ModuleState {
 };
 
 ModuleState& state_of(PyObject* module);
+// The module's definition: what tells its module objects from others.
+PyModuleDef& module_definition();
 
 // The state's life: its names interned at start-up; its references shown to the garbage collector
 // and let go of when the module is cleared; its names let go of when the module is freed.
