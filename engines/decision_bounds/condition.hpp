@@ -12,7 +12,6 @@
 
 #include <cxxabi.h>
 
-#include <optional>
 
 #include "numbers.hpp"
 #include "state.hpp"
@@ -47,18 +46,18 @@ private:
     bool entered_ = false;
 };
 
-// `with manager: <body>`. The body gives what the code inside the block returns, or `std::nullopt`
-// when it runs to the end; so does the statement, and `std::nullopt` also when `__exit__`
+// `with manager: <body>`. The body gives what the code inside the block returns, or an unset value
+// when it runs to the end; so does the statement, and an unset value also when `__exit__`
 // suppressed the body's exception.
 template <typename Body>
-std::optional<Value> with(FunctionObject* fn, const Value& manager, Body&& body) {
+Value with(FunctionObject* fn, const Value& manager, Body&& body) {
     Entered entered(fn, manager);
-    std::optional<Value> result;
+    Value result;
     try {
         result = body();
     } catch (const PythonError&) {
         if (entered.exit_with_error()) {
-            return std::nullopt;
+            return Value();
         }
         throw;
     } catch (abi::__forced_unwind&) {
@@ -66,7 +65,7 @@ std::optional<Value> with(FunctionObject* fn, const Value& manager, Body&& body)
     } catch (...) {
         set_error_from_current_exception();
         if (entered.exit_with_error()) {
-            return std::nullopt;
+            return Value();
         }
         throw PythonError{};
     }
@@ -76,7 +75,7 @@ std::optional<Value> with(FunctionObject* fn, const Value& manager, Body&& body)
 
 // The value of a body that returns inside `with`, or None when the statement ended without a
 // `return` (the body ran to its end, or `__exit__` suppressed its exception).
-inline Value returned(const std::optional<Value>& result) { return result ? *result : Value::other(none()); }
+inline Value returned(const Value& result) { return result ? result : Value::other(none()); }
 
 // `condition.notify_all()`, skipped when it would do nothing: the condition is a standard one whose
 // lock this thread holds and on which nobody waits, with nothing in its own dict standing for

@@ -28,13 +28,39 @@ inline Py_ssize_t compact_value(PyObject* integer) {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(integer));
 }
 
+// A dict's version: every change to the dict (an entry added, replaced or removed, by any path)
+// gives it a new one, never used before in the interpreter. A record trusts what it read of a dict
+// while this stays the same. (Deprecated for Python code in 3.12, and still kept by every change.)
+inline unsigned long long dict_version(PyObject* dict) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+#pragma GCC diagnostic pop
+}
+
+// Whether a dict keeps its values apart from keys it shares with its class's other instances (the
+// interpreter's split table, which an instance's dict usually is): such a dict has exact `str` keys
+// only, since any other key makes it an ordinary one first.
+inline bool is_split(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values != nullptr; }
+
 // A class's version: any change to the class takes it away, and a new one is never an old one.
 inline bool assign_version(PyTypeObject* type) { return PyUnstable_Type_AssignVersionTag(type) != 0; }
 
-// Whether `thread` (a state this thread entered the module with) is the one running now. A thread
-// that the interpreter ends at exit (a daemon thread asking for the interpreter lock while it
-// finalizes) is unwound from inside that request, with its state detached: then nothing may touch
-// the interpreter's objects.
-inline bool is_attached(const PyThreadState* thread) { return thread->_status.active != 0; }
+// The interpreter's runtime, for one word of it: the thread that finalizes the runtime, once that
+// has begun. At exit the interpreter ends every other thread that asks for the interpreter lock by
+// unwinding it from inside that request, and may have freed that thread's state already, so the
+// test compares the pointer and never reads through it. In 3.12 the word follows the runtime's
+// five leading ints (`_initialized` ... `initialized`); `runtime_layout_is_known` checks that.
+extern "C" char _PyRuntime[];  // `_PyRuntimeState`, exported for the interpreter's own modules
+
+inline PyThreadState* finalizing_thread() {
+    return __atomic_load_n(reinterpret_cast<PyThreadState* const*>(_PyRuntime + 3 * sizeof(void*)), __ATOMIC_RELAXED);
+}
+
+// At start-up, in a running interpreter: its five leading ints say initialized, and nothing finalizes.
+inline bool runtime_layout_is_known() {
+    const int* flags = reinterpret_cast<const int*>(_PyRuntime);
+    return flags[0] == 1 && flags[3] == 1 && flags[4] == 1 && finalizing_thread() == nullptr;
+}
 
 }  // namespace decision_bounds::cpython

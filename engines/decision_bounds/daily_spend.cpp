@@ -117,7 +117,7 @@ Value daily_today_locked(Record& self) {
 }
 
 Value daily_spent(Record& self) {
-    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> std::optional<Value> {
+    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> Value {
         return Method(self, Name::_today_locked).call<daily_today_locked>();
     }));
 }
@@ -162,18 +162,18 @@ Value daily_admit(Record& self, const Value& bound, const Value& deadline, const
 
 Value daily_charge(Record& self, const Value& reply) {
     FunctionObject* fn = self.fn();
-    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    with(fn, self.get(Name::_changed), [&]() -> Value {
         Method(self, Name::_today_locked).call<daily_today_locked>();
         add_from(self, Name::_cost, reply, Name::cost);
         notify_all(fn, self.get(Name::_changed));
-        return std::nullopt;
+        return Value();
     });
     return none_value();
 }
 
 Value daily_give_back(Record& self, const Value& held, const Value& reply) {
     FunctionObject* fn = self.fn();
-    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    with(fn, self.get(Name::_changed), [&]() -> Value {
         try_finally(
             [&] {
                 if (reply.get() != Py_None) {
@@ -188,7 +188,7 @@ Value daily_give_back(Record& self, const Value& held, const Value& reply) {
                 Method(fn, self.get(Name::_held), Own::_Held, Name::give_back).call<held_give_back>(held);
                 notify_all(fn, self.get(Name::_changed));
             });
-        return std::nullopt;
+        return Value();
     });
     return none_value();
 }
@@ -258,7 +258,7 @@ Value admit_loop(Record& self, const Value& bound, const Value& deadline, const 
     FunctionObject* fn = self.fn();
     Value cost;
     std::optional<bool> first;
-    std::optional<Value> share = with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    Value share = with(fn, self.get(Name::_changed), [&]() -> Value {
         for (;;) {
             cost = Method(self, Name::_today_locked).call<daily_today_locked>();
             if (!holds(cost, self.get(Name::_cap), Py_LT)) {
@@ -268,23 +268,23 @@ Value admit_loop(Record& self, const Value& bound, const Value& deadline, const 
             Method admits(fn, self.get(Name::_held), Own::_Held, Name::admits);
             Value cap = self.get(Name::_cap);
             if (truth(admits.call<held_admits>(held, cost, cap))) {
-                Method(fn, self.get(Name::_held), Own::_Held, Name::take).call<held_take>(held);
+                Method(admits, self.get(Name::_held), Name::take).call<held_take>(held);
                 // The share gives back exactly what was taken, whatever `bound()` says later.
                 return make_share(fn, [&] { return give_back_of(self, held); });
             }
             if (attempt != nullptr) {
                 // A try that must not wait makes the tests that `_wait` makes before it waits.
                 attempt->wait = wait_checks(fn, stopping, deadline, clock);
-                return std::nullopt;
+                return Value();
             }
             wait_for_room(self, stopping, deadline, clock);
         }
         first = !truth(self.get(Name::_capped));
         self.set(Name::_capped, Value::other(boolean(true)));
-        return std::nullopt;
+        return Value();
     });
     if (share) {
-        return *share;
+        return share;
     }
     if (attempt != nullptr && attempt->wait) {
         return none_value();

@@ -123,6 +123,11 @@ void remember_file(PyObject* module) {
 }
 
 void start_up(PyObject* module) {
+    // Releases decide from one word of the runtime whether the thread may touch anything (pyref.hpp).
+    if (!cpython::runtime_layout_is_known()) {
+        PyErr_SetString(PyExc_ImportError, "engines.decision_bounds does not know this interpreter's runtime layout");
+        raise_current();
+    }
     ModuleState& state = state_of(module);
     intern_names(state);
     state.function_type = reinterpret_cast<PyTypeObject*>(

@@ -126,12 +126,9 @@ Ref global(FunctionObject* fn, Name n) {
     raise_current();
 }
 
-bool is_standard(FunctionObject* fn, Fact fact) {
+bool find_standard(FunctionObject* fn, Fact fact) {
     Facts& facts = state_of(fn).facts;
     auto index = static_cast<int>(fact);
-    if (facts.known[index]) {
-        return true;
-    }
     if (!find(fn, fact)) {
         return false;
     }

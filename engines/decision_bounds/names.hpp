@@ -15,7 +15,10 @@ Ref global(FunctionObject* fn, Name n);
 
 // Whether reading what `fact` names through the namespace now gives the standard object that
 // start-up found, so that the code may use that object's behaviour directly.
-bool is_standard(FunctionObject* fn, Fact fact);
+bool find_standard(FunctionObject* fn, Fact fact);
+inline bool is_standard(FunctionObject* fn, Fact fact) {
+    return state_of(fn).facts.known[static_cast<int>(fact)] || find_standard(fn, fact);
+}
 
 // `raise <cls>(message)`, with the class looked up in the namespace.
 [[noreturn]] void raise_error(FunctionObject* fn, Name cls, const char* message);

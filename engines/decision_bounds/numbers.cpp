@@ -6,18 +6,6 @@ namespace {
 // Ints up to this size, either way, are floats exactly; so are sums and comparisons made with them.
 constexpr long long exact_limit = 1LL << 53;
 
-template <typename T>
-bool comparison(T a, T b, int op) {
-    switch (op) {
-        case Py_LT: return a < b;
-        case Py_LE: return a <= b;
-        case Py_EQ: return a == b;
-        case Py_NE: return a != b;
-        case Py_GT: return a > b;
-        default: return a >= b;
-    }
-}
-
 // `a <op> b` in machine numbers: false when that would not be what the number types give.
 bool compare_numbers(const Value& a, const Value& b, int op, bool* result) {
     if (a.is_integer() && b.is_integer()) {
@@ -119,14 +107,15 @@ PyObject* Value::get() const {
     return object_.get();
 }
 
-Value add(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_Add); }
-// Ints and floats have no in-place addition of their own: `+=` adds them as `+` does.
-Value add_in_place(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_InPlaceAdd); }
-Value subtract(const Value& a, const Value& b) { return arithmetic(a, b, Operation::subtract, PyNumber_Subtract); }
-Value multiply(const Value& a, const Value& b) { return arithmetic(a, b, Operation::multiply, PyNumber_Multiply); }
-Value divide(const Value& a, const Value& b) { return arithmetic(a, b, Operation::divide, PyNumber_TrueDivide); }
+Value add_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_Add); }
+Value add_in_place_slowly(const Value& a, const Value& b) {
+    return arithmetic(a, b, Operation::add, PyNumber_InPlaceAdd);
+}
+Value subtract_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::subtract, PyNumber_Subtract); }
+Value multiply_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::multiply, PyNumber_Multiply); }
+Value divide_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::divide, PyNumber_TrueDivide); }
 
-Value compare(const Value& a, const Value& b, int op) {
+Value compare_slowly(const Value& a, const Value& b, int op) {
     bool result;
     if (compare_numbers(a, b, op, &result)) {
         return Value::other(boolean(result));
@@ -134,7 +123,7 @@ Value compare(const Value& a, const Value& b, int op) {
     return Value::own(own(PyObject_RichCompare(a.get(), b.get(), op)));
 }
 
-bool holds(const Value& a, const Value& b, int op) {
+bool holds_slowly(const Value& a, const Value& b, int op) {
     bool result;
     if (compare_numbers(a, b, op, &result)) {
         return result;
@@ -142,13 +131,7 @@ bool holds(const Value& a, const Value& b, int op) {
     return truth(Value::own(own(PyObject_RichCompare(a.get(), b.get(), op))));
 }
 
-bool truth(const Value& value) {
-    if (value.is_integer()) {
-        return value.integer() != 0;
-    }
-    if (value.is_real()) {
-        return value.real() != 0.0;
-    }
+bool truth_slowly(const Value& value) {
     PyObject* object = value.get();
     if (object == Py_True) {
         return true;
@@ -158,9 +141,5 @@ bool truth(const Value& value) {
     }
     return check(PyObject_IsTrue(object)) != 0;
 }
-
-// As the built-ins compare: the candidate against the best so far.
-Value larger(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_GT) ? candidate : kept; }
-Value smaller(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_LT) ? candidate : kept; }
 
 }  // namespace decision_bounds

@@ -66,17 +66,99 @@ private:
     mutable Ref object_;
 };
 
-Value add(const Value& a, const Value& b);           // `a + b`
-Value add_in_place(const Value& a, const Value& b);  // `a += b`
-Value subtract(const Value& a, const Value& b);      // `a - b`
-Value multiply(const Value& a, const Value& b);      // `a * b`
-Value divide(const Value& a, const Value& b);        // `a / b`
-Value compare(const Value& a, const Value& b, int op);  // `a <op> b`, the result as it is
-bool holds(const Value& a, const Value& b, int op);      // `bool(a <op> b)`, as an `if` takes it
-bool truth(const Value& value);                          // `bool(value)`
+// The operations in full: machine numbers where they give what the number types give, the objects'
+// own methods otherwise. The inline forms below take the common cases first.
+Value add_slowly(const Value& a, const Value& b);
+Value add_in_place_slowly(const Value& a, const Value& b);
+Value subtract_slowly(const Value& a, const Value& b);
+Value multiply_slowly(const Value& a, const Value& b);
+Value divide_slowly(const Value& a, const Value& b);
+Value compare_slowly(const Value& a, const Value& b, int op);
+bool holds_slowly(const Value& a, const Value& b, int op);
+bool truth_slowly(const Value& value);
+
+inline Value add(const Value& a, const Value& b) {  // `a + b`
+    long long sum;
+    if (a.is_integer() && b.is_integer() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
+        return Value::of(sum);
+    }
+    if (a.is_real() && b.is_real()) {
+        return Value::of(a.real() + b.real());
+    }
+    return add_slowly(a, b);
+}
+
+// `a += b`: ints and floats have no in-place addition of their own, and add as `+` does.
+inline Value add_in_place(const Value& a, const Value& b) {
+    long long sum;
+    if (a.is_integer() && b.is_integer() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
+        return Value::of(sum);
+    }
+    if (a.is_real() && b.is_real()) {
+        return Value::of(a.real() + b.real());
+    }
+    return add_in_place_slowly(a, b);
+}
+
+inline Value subtract(const Value& a, const Value& b) {  // `a - b`
+    long long difference;
+    if (a.is_integer() && b.is_integer() && !__builtin_sub_overflow(a.integer(), b.integer(), &difference)) {
+        return Value::of(difference);
+    }
+    if (a.is_real() && b.is_real()) {
+        return Value::of(a.real() - b.real());
+    }
+    return subtract_slowly(a, b);
+}
+
+inline Value multiply(const Value& a, const Value& b) { return multiply_slowly(a, b); }  // `a * b`
+inline Value divide(const Value& a, const Value& b) { return divide_slowly(a, b); }      // `a / b`
+
+template <typename T>
+bool comparison(T a, T b, int op) {
+    switch (op) {
+        case Py_LT: return a < b;
+        case Py_LE: return a <= b;
+        case Py_EQ: return a == b;
+        case Py_NE: return a != b;
+        case Py_GT: return a > b;
+        default: return a >= b;
+    }
+}
+
+// `bool(a <op> b)`, as an `if` takes it.
+inline bool holds(const Value& a, const Value& b, int op) {
+    if (a.is_integer() && b.is_integer()) {
+        return comparison(a.integer(), b.integer(), op);
+    }
+    if (a.is_real() && b.is_real()) {
+        return comparison(a.real(), b.real(), op);
+    }
+    return holds_slowly(a, b, op);
+}
+
+// `a <op> b`, the result as it is.
+inline Value compare(const Value& a, const Value& b, int op) {
+    if ((a.is_integer() && b.is_integer()) || (a.is_real() && b.is_real())) {
+        return Value::other(boolean(holds(a, b, op)));
+    }
+    return compare_slowly(a, b, op);
+}
+
+// `bool(value)`
+inline bool truth(const Value& value) {
+    if (value.is_integer()) {
+        return value.integer() != 0;
+    }
+    if (value.is_real()) {
+        return value.real() != 0.0;
+    }
+    return truth_slowly(value);
+}
+
 // What the built-in `max(kept, candidate)` and `min(kept, candidate)` give: `candidate` only when it
 // is strictly greater (smaller), else `kept`, the very object.
-Value larger(const Value& kept, const Value& candidate);
-Value smaller(const Value& kept, const Value& candidate);
+inline Value larger(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_GT) ? candidate : kept; }
+inline Value smaller(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_LT) ? candidate : kept; }
 
 }  // namespace decision_bounds

@@ -30,15 +30,12 @@ struct PythonError {};
     throw PythonError{};
 }
 
-// The thread state with which this thread last entered the module, while it is inside it (a plain
-// thread-local word, read by every release: the initial-exec model makes that one load).
-extern __thread PyThreadState* entered_thread __attribute__((tls_model("initial-exec")));
-
-// Whether this thread may touch the interpreter's objects: false only while it is being unwound
-// at exit, its state detached.
+// Whether this thread may touch the interpreter's objects: false only once the runtime finalizes on
+// another thread, when this one can only be being unwound out of the module. (Only then is the
+// thread's own state asked for; it is compared, never read through.)
 inline bool thread_is_attached() {
-    const PyThreadState* thread = entered_thread;
-    return thread == nullptr || cpython::is_attached(thread);
+    PyThreadState* finalizing = cpython::finalizing_thread();
+    return finalizing == nullptr || finalizing == _PyThreadState_UncheckedGet();
 }
 
 // An owned (strong) reference, released when the handle goes.
@@ -152,23 +149,10 @@ private:
     Ref before_;
 };
 
-// Notes, for as long as it lives, the thread state with which this thread runs the module's code.
-class EnteredThread {
-public:
-    EnteredThread() : before_(entered_thread) { entered_thread = PyThreadState_Get(); }
-    EnteredThread(const EnteredThread&) = delete;
-    EnteredThread& operator=(const EnteredThread&) = delete;
-    ~EnteredThread() { entered_thread = before_; }
-
-private:
-    PyThreadState* before_;
-};
-
 // Runs a body that gives a `Ref` at an edge that Python calls, giving null with the error set on
 // failure. Any C++ exception becomes a Python error; the unwind that ends a thread at exit passes.
 template <typename Body>
 PyObject* entry(Body&& body) {
-    EnteredThread here;
     try {
         return body().release();
     } catch (const PythonError&) {
@@ -184,7 +168,6 @@ PyObject* entry(Body&& body) {
 // The same for an edge that reports failure as -1.
 template <typename Body>
 int entry_status(Body&& body) {
-    EnteredThread here;
     try {
         body();
         return 0;

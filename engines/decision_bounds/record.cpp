@@ -1,41 +1,103 @@
 #include "record.hpp"
 
+#include <algorithm>
+#include <iterator>
+
 namespace decision_bounds {
 
-PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
-    PyObject* found;
-    PyObject* value;
-    if (place >= 0 && PyDict_Next(dict, &place, &found, &value) && found == key) {
-        return value;
-    }
-    value = PyDict_GetItemWithError(dict, key);
-    if (value == nullptr && PyErr_Occurred()) {
-        raise_current();
-    }
-    return value;
-}
-
-bool Record::reload() {
+void Record::load() {
     dict_ = Ref();
-    slot_ = nullptr;
-    if (!is_own(state_of(fn_), object_, cls_)) {
-        return false;
+    ModuleState& state = state_of(fn_);
+    const OwnClass& own = state.own[static_cast<int>(cls_)];
+    PyTypeObject* type = Py_TYPE(object_);
+    if (type != own.type || own.version == 0 || type->tp_version_tag != own.version) {
+        return;
     }
     PyObject** slot = cpython::dict_slot(object_);
     if (slot == nullptr || *slot == nullptr || !PyDict_CheckExact(*slot)) {
-        return false;
+        return;
     }
+    type_ = type;
+    class_version_ = own.version;
     slot_ = slot;
-    dict_ = Ref::borrow(*slot);
-    return true;
+    PyObject* dict = *slot;
+    dict_ = Ref::borrow(dict);
+    // A few dicts are known at a time, each in the place its address gives it.
+    auto bits = reinterpret_cast<uintptr_t>(dict) * 0x9E3779B97F4A7C15ULL;
+    known_ = &state.known[bits >> (64 - 4)];
+    unsigned long long version = cpython::dict_version(dict);
+    if (known_->dict != dict || known_->version != version || known_->cls != cls_) {
+        known_->dict = dict;
+        known_->version = version;
+        known_->cls = cls_;
+        known_->keys = Keys::unknown;
+        known_->read = 0;
+    }
 }
 
-Value Record::get(Name field) {
+PyObject* Record::field_at_place(int place) {
+    if ((known_->read >> place & 1) != 0) {
+        return known_->fields[place];
+    }
+    // The entry at the field's place in the dict's order, if it is the field's (its interned name):
+    // reading it runs no code.
+    Py_ssize_t position = place;
+    PyObject* key;
+    PyObject* value;
+    if (PyDict_Next(dict_.get(), &position, &key, &value) &&
+        key == name(fn_, fields::of_class[static_cast<size_t>(cls_)][place])) {
+        known_->fields[place] = value;
+        known_->read |= static_cast<unsigned short>(1U << place);
+        return value;
+    }
+    // Not there: only reading all of the dict tells whether it is elsewhere.
+    return nullptr;
+}
+
+void Record::read_all() {
+    const std::span<const Name> fields = fields::of_class[static_cast<size_t>(cls_)];
+    const auto count = static_cast<int>(fields.size());
+    Keys keys = Keys::fields_only;
+    std::fill(std::begin(known_->fields), std::end(known_->fields), nullptr);
+    known_->read = static_cast<unsigned short>((1U << count) - 1);
+    Py_ssize_t position = 0;
+    PyObject* key;
+    PyObject* value;
+    for (int index = 0; PyDict_Next(dict_.get(), &position, &key, &value); ++index) {
+        int field = index < count && key == name(fn_, fields[index]) ? index : -1;
+        for (int i = 0; field < 0 && i < count; ++i) {
+            field = key == name(fn_, fields[i]) ? i : -1;
+        }
+        if (field >= 0) {
+            known_->fields[field] = value;
+        } else {
+            keys = Keys::others;
+        }
+    }
+    known_->keys = keys;
+}
+
+Value Record::get_slowly(Name field) {
+    if (!current()) {
+        load();
+    }
     PyObject* key = name(fn_, field);
-    if (standard()) {
-        // Owned at once: the lookup may have run code, and the next may run more.
-        if (PyObject* value = item_at(dict_.get(), place_of(cls_, field), key)) {
-            return Value::borrow(value);
+    if (dict_) {
+        int place = place_of(cls_, field);
+        if (place >= 0) {
+            if (PyObject* value = field_at_place(place)) {
+                return Value::borrow(value);
+            }
+        }
+        // Elsewhere in the dict, or absent: looked up (which may run code), and owned at once.
+        if (place < 0 || known_->keys != Keys::fields_only) {
+            PyObject* value = PyDict_GetItemWithError(dict_.get(), key);
+            if (value != nullptr) {
+                return Value::borrow(value);
+            }
+            if (PyErr_Occurred()) {
+                raise_current();
+            }
         }
     }
     // Not an attribute of its own: the class's, or the `AttributeError`.
@@ -44,26 +106,56 @@ Value Record::get(Name field) {
 
 void Record::set(Name field, const Value& value) {
     PyObject* object = value.get();
-    PyObject* key = name(fn_, field);
-    if (standard()) {
-        check(PyDict_SetItem(dict_.get(), key, object));
-    } else {
-        setattr(object_, key, object);
+    if (!current()) {
+        load();
     }
+    PyObject* key = name(fn_, field);
+    if (!dict_) {
+        setattr(object_, key, object);
+        return;
+    }
+    int place = place_of(cls_, field);
+    PyObject* before = place < 0 ? nullptr : field_at_place(place);
+    // A dict whose keys are all exact `str` runs no code for a lookup, and letting go of the old
+    // value runs none when it is an exact int or float, or is held through the write: then what
+    // the module knew of the dict still holds afterwards, with this field new.
+    bool plain = before != nullptr && (known_->keys == Keys::fields_only || cpython::is_split(dict_.get()));
+    Ref old;
+    if (plain && !PyFloat_CheckExact(before) && !PyLong_CheckExact(before) && !_Py_IsImmortal(before)) {
+        old = Ref::borrow(before);
+    }
+    KnownDict* known = known_;
+    check(PyDict_SetItem(dict_.get(), key, object));
+    if (plain) {
+        known->fields[place] = object;
+        known->version = cpython::dict_version(dict_.get());
+    } else {
+        known->dict = nullptr;  // read again at the next use
+    }
+    // `old` goes now; what freeing it runs, the next use notices.
 }
 
 bool Record::finds_own(Name method) {
-    if (!standard()) {
+    if (!current()) {
+        load();
+    }
+    if (!dict_) {
         return false;
     }
-    Ref dict = dict_;  // the lookup may run code that replaces it
-    return check(PyDict_Contains(dict.get(), name(fn_, method))) == 0;
+    if (known_->keys == Keys::unknown) {
+        read_all();
+    }
+    if (known_->keys == Keys::fields_only) {
+        return true;
+    }
+    return check(PyDict_Contains(dict_.get(), name(fn_, method))) == 0;
 }
 
 Method::Method(FunctionObject* fn, const Value& object, Own cls, Name method)
     : fn_(fn), object_(object.ref()), cls_(cls), method_(method) {
-    Record record(fn, object_.get(), cls);
-    if (!record.finds_own(method)) {
+    record_.emplace(fn, object_.get(), cls);
+    if (!record_->finds_own(method)) {
+        record_.reset();
         bound_ = getattr(object_.get(), name(fn, method));
     }
 }
@@ -73,6 +165,23 @@ Method::Method(Record& self, Name method) : fn_(self.fn()), cls_(self.cls()), me
         self_ = &self;
     } else {
         bound_ = getattr(self.object(), name(fn_, method));
+    }
+}
+
+Method::Method(Method& earlier, const Value& object, Name method)
+    : fn_(earlier.fn_), cls_(earlier.cls_), method_(method) {
+    Record* same = earlier.self_ != nullptr                                      ? earlier.self_
+                   : earlier.record_ && object.get() == earlier.object_.get() ? &*earlier.record_
+                                                                                : nullptr;
+    if (same != nullptr && same->finds_own(method)) {
+        self_ = same;
+        return;
+    }
+    object_ = object.ref();
+    record_.emplace(fn_, object_.get(), cls_);
+    if (!record_->finds_own(method)) {
+        record_.reset();
+        bound_ = getattr(object_.get(), name(fn_, method));
     }
 }
 

@@ -1,15 +1,21 @@
 // An object of one of the module's classes as the Python code of its methods reads and writes it.
 //
-// `get(field)` is `self.field`, `set(field, value)` is `self.field = value`, each a read or a write
-// of its own, in the order the code makes them. While the object is exactly of its class as
-// start-up left it, with its own attribute dict, no descriptor, override or `__getattr__` can stand
-// between an attribute and that dict, so fields are read and written there; otherwise through the
-// ordinary attribute calls. Whatever runs between two uses (a callback, a lock wait that lets other
-// threads in, a reply's property, a key's `__eq__` in a lookup) may change the object's class or
-// replace its dict, so every use checks that first; and every value read is owned from the moment
-// it is read.
+// `get(field)` is `self.field`, `set(field, value)` is `self.field = value`, in the order the code
+// makes them, and every value read is owned from the moment it is read. While the object is exactly
+// of its class as start-up left it, with its own attribute dict, no descriptor, override or
+// `__getattr__` can stand between an attribute and that dict, so fields are read and written
+// there; otherwise through the ordinary attribute calls.
+//
+// The record reads the dict once, all of it, and trusts what it read for as long as the object is
+// still of its class, with the same dict, and the dict's version is unchanged: whatever runs
+// between two uses (a callback, a lock wait that lets other threads in, a reply's property, a key's
+// `__eq__`) and changes the object shows in one of those, and the record reads again. Its own
+// writes keep what it read current only when they cannot have run code: every key of the dict is an
+// exact `str` (so no lookup calls `__eq__`) and it holds the old value through the write (so no
+// finalizer runs inside it).
 #pragma once
 
+#include <optional>
 #include <utility>
 
 #include "names.hpp"
@@ -32,29 +38,52 @@ public:
     PyObject* object() const noexcept { return object_; }
     Own cls() const noexcept { return cls_; }
 
-    Value get(Name field);
+    Value get(Name field) {
+        int place = place_of(cls_, field);
+        if (place >= 0 && current() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
+            return Value::borrow(known_->fields[place]);
+        }
+        return get_slowly(field);
+    }
     void set(Name field, const Value& value);
 
     // Whether `self.<method>` finds the class's own method (the object is standard and nothing of
     // that name is in its dict), so that the method's body may run on this record directly.
     bool finds_own(Name method);
-    // The attribute dict while the object is standard, else null.
-    PyObject* standard_dict() { return standard() ? dict_.get() : nullptr; }
+
+    // Whether a write of a field whose old value is an exact number runs no code now: the object is
+    // standard, the module knows its dict as it is, and every key of the dict is an exact `str`.
+    bool writes_quietly() const {
+        return current() && (known_->keys == Keys::fields_only || cpython::is_split(dict_.get()));
+    }
 
 private:
-    bool standard() {
-        if (dict_ && *slot_ == dict_.get() && is_own(state_of(fn_), object_, cls_)) {
-            return true;
-        }
-        return reload();
+    using Keys = KnownDict::Keys;
+
+    // Whether what the module read of the dict still holds (never, while the object is not
+    // standard).
+    bool current() const {
+        return dict_ && *slot_ == dict_.get() && Py_TYPE(object_) == type_ && type_->tp_version_tag == class_version_ &&
+               known_->dict == dict_.get() && known_->version == cpython::dict_version(dict_.get());
     }
-    bool reload();
+    // Reads the object afresh: whether it is standard, and then where its dict is and what the
+    // module knows of it. Fields are read when first asked for.
+    void load();
+    // A field read where the class's code stores it, or looked up.
+    Value get_slowly(Name field);
+    // What `field` holds now, borrowed, or null: read where the class's code stores it.
+    PyObject* field_at_place(int place);
+    // Every entry of the dict: which are the class's fields, and whether there is anything else.
+    void read_all();
 
     FunctionObject* fn_;
     PyObject* object_;
     Own cls_;
+    PyTypeObject* type_ = nullptr;
+    unsigned int class_version_ = 0;
     PyObject** slot_ = nullptr;  // where the object keeps its dict
-    Ref dict_;  // the dict while the object is standard; kept alive whatever replaces it
+    Ref dict_;                   // that dict while the object is standard, kept alive whatever replaces it
+    KnownDict* known_ = nullptr;  // what the module knows of it
 };
 
 // The method `method` of the module's class `cls`, looked up on an object as `object.method` is,
@@ -66,6 +95,9 @@ public:
     Method(FunctionObject* fn, const Value& object, Own cls, Name method);
     // `self.method` on a record.
     Method(Record& self, Name method);
+    // `object.method` where `earlier` looked up another method: on the same record when `object` is
+    // the same object.
+    Method(Method& earlier, const Value& object, Name method);
 
     // Calls it: `impl(record, args...)` for the class's own method, the attribute otherwise.
     template <auto impl, typename... Args>
@@ -73,10 +105,7 @@ public:
         if (bound_) {
             return Value::own(decision_bounds::call(bound_.get(), args.get()...));
         }
-        if (self_ != nullptr) {
-            return run_own([&] { return impl(*self_, args...); });
-        }
-        Record self(fn_, object_.get(), cls_);
+        Record& self = self_ != nullptr ? *self_ : *record_;
         return run_own([&] { return impl(self, args...); });
     }
 
@@ -91,15 +120,12 @@ private:
         }
     }
     FunctionObject* fn_;
-    Record* self_ = nullptr;  // the caller's record, for a method of its own object
-    Ref object_;              // otherwise the object
+    Record* self_ = nullptr;       // the caller's record, for a method of its own object
+    Ref object_;                   // otherwise the object
+    std::optional<Record> record_;  // and its record, when its class's method runs on it
     Own cls_;
     Name method_;
     Ref bound_;  // the attribute, when the class's own method is not the one found
 };
-
-// `item(dict, key)` tried first at `place` in the dict's order (where the class's code stores the
-// field); borrowed, or null when absent. What the lookup raises passes on.
-PyObject* item_at(PyObject* dict, Py_ssize_t place, PyObject* key);
 
 }  // namespace decision_bounds

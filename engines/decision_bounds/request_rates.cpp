@@ -85,7 +85,7 @@ Value rates_init(Record& self) {
 
 Value rates_cost(Record& self, const Value& size, const Value& feature) {
     FunctionObject* fn = self.fn();
-    return returned(with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
+    return returned(with(fn, self.get(Name::_lock), [&]() -> Value {
         Value features = self.get(Name::_features);
         if (check(PySequence_Contains(features.get(), feature.get())) != 0) {
             return Method(fn, self.get(Name::_cost), Own::_Charges, Name::bound).call<charges_bound>(size);
@@ -96,7 +96,7 @@ Value rates_cost(Record& self, const Value& size, const Value& feature) {
 
 Value rates_tokens(Record& self, const Value& size) {
     FunctionObject* fn = self.fn();
-    return returned(with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
+    return returned(with(fn, self.get(Name::_lock), [&]() -> Value {
         // Tokens grow with bytes whatever the feature: any paid reply makes them known.
         if (truth(self.get(Name::_features))) {
             return Method(fn, self.get(Name::_tokens), Own::_Charges, Name::bound).call<charges_bound>(size);
@@ -115,7 +115,7 @@ void learn_into(Record& self, Name measure, const Value& size, const Value& repl
 
 Value rates_learn(Record& self, const Value& size, const Value& feature, const Value& reply) {
     FunctionObject* fn = self.fn();
-    with(fn, self.get(Name::_lock), [&]() -> std::optional<Value> {
+    with(fn, self.get(Name::_lock), [&]() -> Value {
         // `self._features.add(feature)`: a set's own `add`, which nothing can replace.
         Value features = self.get(Name::_features);
         if (PySet_CheckExact(features.get())) {
@@ -125,7 +125,7 @@ Value rates_learn(Record& self, const Value& size, const Value& feature, const V
         }
         learn_into(self, Name::_cost, size, reply, Name::cost);
         learn_into(self, Name::_tokens, size, reply, Name::input_tokens);
-        return std::nullopt;
+        return Value();
     });
     return none_value();
 }

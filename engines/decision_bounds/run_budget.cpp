@@ -41,7 +41,7 @@ Value exhausted_locked(Record& self) {
 }
 
 Value exhausted(Record& self) {
-    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> std::optional<Value> {
+    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> Value {
         return Method(self, Name::_exhausted_locked).call<exhausted_locked>();
     }));
 }
@@ -68,7 +68,7 @@ Value summary_locked(Record& self) {
 }
 
 Value summary(Record& self) {
-    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> std::optional<Value> {
+    return returned(with(self.fn(), self.get(Name::_changed), [&]() -> Value {
         return Method(self, Name::_summary_locked).call<summary_locked>();
     }));
 }
@@ -81,7 +81,7 @@ Value reserve_loop(Record& self, const Value& tokens, Attempt* attempt) {
     if ((attempt == nullptr || attempt->first) && truth(Method(self, Name::stopping).call<stopping>())) {
         raise_error(fn, Name::DecisionStopped, "the pass was asked to stop");
     }
-    return returned(with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    return returned(with(fn, self.get(Name::_changed), [&]() -> Value {
         for (;;) {
             if (truth(Method(self, Name::_exhausted_locked).call<exhausted_locked>())) {
                 raise_built(fn, Name::DecisionBudgetExceeded, [&] {
@@ -95,7 +95,7 @@ Value reserve_loop(Record& self, const Value& tokens, Attempt* attempt) {
             Value limit = self.get(Name::max_tokens);
             if (truth(admits.call<held_admits>(tokens, used, limit))) {
                 add_to(self, Name::in_flight, one());
-                Method(fn, self.get(Name::_held_tokens), Own::_Held, Name::take).call<held_take>(tokens);
+                Method(admits, self.get(Name::_held_tokens), Name::take).call<held_take>(tokens);
                 return none_value();
             }
             if (attempt != nullptr) {
@@ -103,7 +103,7 @@ Value reserve_loop(Record& self, const Value& tokens, Attempt* attempt) {
                 // gives the time it would wait.
                 Value stop = Value::own(getattr(self.object(), name(fn, Name::stopping)));
                 attempt->wait = wait_checks(fn, stop, none_value(), none_value());
-                return std::nullopt;
+                return Value();
             }
             // `_wait(self._changed, self.stopping)`
             Ref wait = global(fn, Name::_wait);
@@ -125,18 +125,18 @@ Value reserve(Record& self, const Value& tokens) { return reserve_loop(self, tok
 
 Value release(Record& self, const Value& tokens) {
     FunctionObject* fn = self.fn();
-    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    with(fn, self.get(Name::_changed), [&]() -> Value {
         one_less(self, Name::in_flight);
         Method(fn, self.get(Name::_held_tokens), Own::_Held, Name::give_back).call<held_give_back>(tokens);
         notify_all(fn, self.get(Name::_changed));
-        return std::nullopt;
+        return Value();
     });
     return none_value();
 }
 
 Value charge(Record& self, const Value& result, const Value& tokens) {
     FunctionObject* fn = self.fn();
-    with(fn, self.get(Name::_changed), [&]() -> std::optional<Value> {
+    with(fn, self.get(Name::_changed), [&]() -> Value {
         if (truth(Value::own(getattr(result.get(), name(fn, Name::cached))))) {
             // A cache hit held nothing, so it frees nothing and wakes nobody.
             add_to(self, Name::cache_hits, one());
@@ -148,7 +148,7 @@ Value charge(Record& self, const Value& result, const Value& tokens) {
         add_from(self, Name::input_tokens, result, Name::input_tokens);
         add_from(self, Name::cost, result, Name::cost);
         notify_all(fn, self.get(Name::_changed));
-        return std::nullopt;
+        return Value();
     });
     return none_value();
 }

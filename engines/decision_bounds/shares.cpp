@@ -100,35 +100,41 @@ ModuleState* share_state(PyTypeObject* type) {
 
 #if DECISION_BOUNDS_SHARE_POOL
 
-// Whether `dict` is a pooled share's as the pool keeps it: referred to by the share alone, holding
-// `_give_back` alone, set to None.
-bool keepable(const ModuleState& state, PyObject* dict) {
+// `_give_back`'s value in `dict` when the dict is a share's as the pool can keep it: referred to by
+// the share alone, holding `_give_back` alone; null otherwise.
+PyObject* keepable(const ModuleState& state, PyObject* dict) {
     if (dict == nullptr || !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
-        return false;
+        return nullptr;
     }
     Py_ssize_t position = 0;
     PyObject* key;
     PyObject* value;
-    return PyDict_Next(dict, &position, &key, &value) && key == name(state, Name::_give_back);
+    return PyDict_Next(dict, &position, &key, &value) && key == name(state, Name::_give_back) ? value : nullptr;
 }
 
 // Keeps a share of the module's own class that is being freed, when nothing but the share refers to
-// its dict; the callback is let go of first, as freeing the share would.
+// its dict; a callback still in it is let go of first, as freeing the share would.
 bool keep_for_reuse(PyObject* share) {
     ModuleState* state = share_state(Py_TYPE(share));
-    if (state == nullptr || state->shares.count == SharePool::capacity || !keepable(*state, dict_of(share))) {
+    if (state == nullptr || state->shares.count == SharePool::capacity) {
         return false;
     }
     PyObject* dict = dict_of(share);
-    if (PyDict_SetItem(dict, name(*state, Name::_give_back), Py_None) < 0) {
-        PyErr_WriteUnraisable(nullptr);  // not the share: it is being freed
+    PyObject* give_back = keepable(*state, dict);
+    if (give_back == nullptr) {
         return false;
     }
-    // Letting go of the callback ran its finalizer, which may have taken the dict (found through
-    // `gc.get_objects()`, say) or filled the pool: look again.
-    dict = dict_of(share);
-    if (state->shares.count == SharePool::capacity || !keepable(*state, dict)) {
-        return false;
+    if (give_back != Py_None) {
+        if (PyDict_SetItem(dict, name(*state, Name::_give_back), Py_None) < 0) {
+            PyErr_WriteUnraisable(nullptr);  // not the share: it is being freed
+            return false;
+        }
+        // Letting go of the callback ran its finalizer, which may have taken the dict (found
+        // through `gc.get_objects()`, say) or filled the pool: look again.
+        dict = dict_of(share);
+        if (state->shares.count == SharePool::capacity || keepable(*state, dict) != Py_None) {
+            return false;
+        }
     }
     // Out of the collector's list, nobody can find the dict while the share is kept; storing a
     // callback in it again puts it back.
@@ -143,7 +149,7 @@ PyObject* reuse(ModuleState& state, PyTypeObject* type) {
         PyObject* share = state.shares.free[--state.shares.count];
         PyObject_Init(share, type);
         Py_DECREF(type);
-        if (keepable(state, dict_of(share))) {
+        if (keepable(state, dict_of(share)) != nullptr) {
             return share;
         }
         // Someone holds the dict after all: this share gets a dict of its own.
@@ -156,7 +162,6 @@ PyObject* reuse(ModuleState& state, PyTypeObject* type) {
 #endif
 
 void share_dealloc(PyObject* self) {
-    EnteredThread here;
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
     if (*weakrefs_of(self) != nullptr) {
@@ -400,11 +405,22 @@ Value held_take(Record& self, const Value& share) {
 
 Value held_give_back(Record& self, const Value& share) {
     FunctionObject* fn = self.fn();
-    self.set(Name::holders, at_least(fn, zero(), [&] { return subtract(self.get(Name::holders), one()); }));
+    Value holders = at_least(fn, zero(), [&] { return subtract(self.get(Name::holders), one()); });
+    self.set(Name::holders, holders);
     if (is_unbounded(fn, share)) {
         self.set(Name::unbounded, at_least(fn, zero(), [&] { return subtract(self.get(Name::unbounded), one()); }));
     } else {
-        self.set(Name::amount, at_least(fn, zero_float(fn), [&] { return subtract(self.get(Name::amount), share); }));
+        Value held = self.get(Name::amount);
+        Value amount = at_least(fn, zero_float(fn), [&] { return subtract(held, share); });
+        // Once nothing is held the statement below writes 0.0 over this. When the numbers were
+        // machine numbers, `max` the standard one and the write would run no code, nothing can see
+        // the value in between: the one write below stands for both.
+        bool overwritten = holders.is_integer() && holders.integer() == 0 && held.is_real() &&
+                           (share.is_real() || share.is_integer()) && is_standard(fn, Fact::max) &&
+                           self.writes_quietly();
+        if (!overwritten) {
+            self.set(Name::amount, amount);
+        }
     }
     // Once nothing is held, the sum is exactly zero, whatever residue float arithmetic left.
     if (holds(self.get(Name::holders), zero(), Py_EQ)) {

@@ -2,8 +2,6 @@
 
 namespace decision_bounds {
 
-__thread PyThreadState* entered_thread __attribute__((tls_model("initial-exec"))) = nullptr;
-
 namespace {
 
 constexpr const char* name_texts[] = {

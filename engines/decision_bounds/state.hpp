@@ -93,6 +93,21 @@ struct SharePool {
     int count;
 };
 
+// What the module's records read of one of its objects' dicts (record.hpp), kept while the dict is
+// unchanged: a dict and its version name one state of one dict, never another (a version is never
+// given twice, even to a dict made where a freed one was), so nothing here is a reference.
+struct KnownDict {
+    static constexpr int most_fields = 10;
+    enum class Keys : unsigned char { unknown, fields_only, others };
+
+    PyObject* dict;              // compared, never followed
+    unsigned long long version;  // the dict's version when read
+    Own cls;
+    Keys keys;                      // whether the dict holds the class's fields and nothing else
+    unsigned short read;            // which fields have been read (a bit each)
+    PyObject* fields[most_fields];  // each field read: its value as the dict holds it, or null: none
+};
+
 struct ModuleState {
     PyTypeObject* function_type;
     PyObject* never;     // the module's `never` as start-up made it
@@ -102,6 +117,7 @@ struct ModuleState {
     Standard standard;
     Facts facts;
     SharePool shares;
+    KnownDict known[16];
 };
 
 ModuleState& state_of(PyObject* module);
