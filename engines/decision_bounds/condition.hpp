@@ -10,8 +10,6 @@
 // release a C lock and never suppress, the block takes and releases that lock by its C functions.
 #pragma once
 
-#include <cxxabi.h>
-
 
 #include "numbers.hpp"
 #include "state.hpp"
@@ -60,10 +58,8 @@ Value with(FunctionObject* fn, const Value& manager, Body&& body) {
             return Value();
         }
         throw;
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        set_error_from_current_exception();
+    } catch (const std::exception& error) {
+        set_error_from(error);
         if (entered.exit_with_error()) {
             return Value();
         }

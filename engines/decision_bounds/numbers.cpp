@@ -99,11 +99,9 @@ bool Value::exact_float(double* out) const noexcept {
     return false;
 }
 
-PyObject* Value::get() const {
-    if (!object_) {
-        assert(kind_ == Kind::integer || kind_ == Kind::real);
-        object_ = kind_ == Kind::integer ? decision_bounds::integer(integer_) : decision_bounds::real(real_);
-    }
+PyObject* Value::made() const {
+    assert(kind_ == Kind::integer || kind_ == Kind::real);
+    object_ = kind_ == Kind::integer ? decision_bounds::integer(integer_) : decision_bounds::real(real_);
     return object_.get();
 }
 

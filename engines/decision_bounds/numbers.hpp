@@ -16,7 +16,7 @@ public:
     Value() noexcept = default;
 
     // The value of an object, taken over or borrowed.
-    static Value own(Ref object) {
+    [[gnu::always_inline]] static Value own(Ref object) {
         Value value;
         PyObject* p = object.get();
         if (PyFloat_CheckExact(p)) {
@@ -31,9 +31,9 @@ public:
         value.object_ = std::move(object);
         return value;
     }
-    static Value borrow(PyObject* object) { return own(Ref::borrow(object)); }
+    [[gnu::always_inline]] static Value borrow(PyObject* object) { return own(Ref::borrow(object)); }
     // An object known to be no int or float (None, a bool, a text): nothing to classify.
-    static Value other(Ref object) noexcept {
+    [[gnu::always_inline]] static Value other(Ref object) noexcept {
         Value value;
         value.kind_ = Kind::object;
         value.object_ = std::move(object);
@@ -52,13 +52,14 @@ public:
     bool exact_float(double* out) const noexcept;
 
     // The object (made when first asked for), borrowed from the value.
-    PyObject* get() const;
+    [[gnu::always_inline]] PyObject* get() const { return object_ ? object_.get() : made(); }
     Ref ref() const { return Ref::borrow(get()); }
 
 private:
     enum class Kind : unsigned char { unset, object, integer, real };
 
     void classify_other(PyObject* object);
+    PyObject* made() const;
 
     Kind kind_ = Kind::unset;
     long long integer_ = 0;

@@ -11,8 +11,6 @@
 // `thread_is_attached`): the thread is ending and the process with it.
 #pragma once
 
-#include <cxxabi.h>
-
 #include <cassert>
 #include <exception>
 #include <new>
@@ -116,17 +114,13 @@ Ref call_method(PyObject* object, PyObject* name, Args... args) {
                                          nullptr));
 }
 
-// Sets the Python error that stands for the C++ exception being handled (a `MemoryError` for
-// `std::bad_alloc`, a `SystemError` for anything else). Only inside a `catch`.
-inline void set_error_from_current_exception() noexcept {
-    try {
-        throw;
-    } catch (const std::bad_alloc&) {
+// Sets the Python error that stands for a C++ exception: a `MemoryError` for `std::bad_alloc`, a
+// `SystemError` for anything else.
+inline void set_error_from(const std::exception& error) noexcept {
+    if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
         PyErr_NoMemory();
-    } catch (const std::exception& error) {
+    } else {
         PyErr_Format(PyExc_SystemError, "unexpected C++ exception: %s", error.what());
-    } catch (...) {
-        PyErr_SetString(PyExc_SystemError, "unexpected C++ exception");
     }
 }
 
@@ -150,17 +144,16 @@ private:
 };
 
 // Runs a body that gives a `Ref` at an edge that Python calls, giving null with the error set on
-// failure. Any C++ exception becomes a Python error; the unwind that ends a thread at exit passes.
+// failure. A C++ exception (all the standard library throws derive from `std::exception`) becomes
+// a Python error; nothing else is caught, so the unwind that ends a thread at exit passes.
 template <typename Body>
 PyObject* entry(Body&& body) {
     try {
         return body().release();
     } catch (const PythonError&) {
         return nullptr;
-    } catch (abi::__forced_unwind&) {
-        throw;  // the thread is being ended: let it
-    } catch (...) {
-        set_error_from_current_exception();
+    } catch (const std::exception& error) {
+        set_error_from(error);
         return nullptr;
     }
 }
@@ -173,10 +166,8 @@ int entry_status(Body&& body) {
         return 0;
     } catch (const PythonError&) {
         return -1;
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        set_error_from_current_exception();
+    } catch (const std::exception& error) {
+        set_error_from(error);
         return -1;
     }
 }

@@ -5,6 +5,25 @@
 
 namespace decision_bounds {
 
+namespace {
+
+// A few dicts are known at a time, each in the place its address gives it.
+size_t known_place(PyObject* dict) { return (reinterpret_cast<uintptr_t>(dict) * 0x9E3779B97F4A7C15ULL) >> (64 - 4); }
+
+}  // namespace
+
+void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject* value) {
+    KnownDict& known = state.known[known_place(dict)];
+    int place = place_of(cls, field);
+    known.dict = dict;
+    known.version = cpython::dict_version(dict);
+    known.cls = cls;
+    known.keys = KnownDict::Keys::fields_only;
+    known.read = static_cast<unsigned short>((1U << field_count(cls)) - 1);
+    std::fill(std::begin(known.fields), std::end(known.fields), nullptr);
+    known.fields[place] = value;
+}
+
 void Record::load() {
     dict_ = Ref();
     ModuleState& state = state_of(fn_);
@@ -22,9 +41,7 @@ void Record::load() {
     slot_ = slot;
     PyObject* dict = *slot;
     dict_ = Ref::borrow(dict);
-    // A few dicts are known at a time, each in the place its address gives it.
-    auto bits = reinterpret_cast<uintptr_t>(dict) * 0x9E3779B97F4A7C15ULL;
-    known_ = &state.known[bits >> (64 - 4)];
+    known_ = &state.known[known_place(dict)];
     unsigned long long version = cpython::dict_version(dict);
     if (known_->dict != dict || known_->version != version || known_->cls != cls_) {
         known_->dict = dict;
@@ -104,8 +121,7 @@ Value Record::get_slowly(Name field) {
     return Value::own(getattr(object_, key));
 }
 
-void Record::set(Name field, const Value& value) {
-    PyObject* object = value.get();
+void Record::set_slowly(Name field, PyObject* object) {
     if (!current()) {
         load();
     }

@@ -45,7 +45,23 @@ public:
         }
         return get_slowly(field);
     }
-    void set(Name field, const Value& value);
+    void set(Name field, const Value& value) {
+        PyObject* object = value.get();
+        int place = place_of(cls_, field);
+        // The usual write: a field whose old value the module knows, in a dict whose keys are all
+        // exact `str`. With the old value held through it (unless freeing it runs nothing anyway:
+        // an exact number, None), the write runs no code, so what the module knew still holds.
+        if (place >= 0 && writes_quietly() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
+            PyObject* before = known_->fields[place];
+            Ref old = PyFloat_CheckExact(before) || PyLong_CheckExact(before) || before == Py_None ? Ref()
+                                                                                                  : Ref::borrow(before);
+            check(PyDict_SetItem(dict_.get(), name(fn_, field), object));
+            known_->fields[place] = object;
+            known_->version = cpython::dict_version(dict_.get());
+            return;  // `old` goes now; what freeing it runs, the next use notices
+        }
+        set_slowly(field, object);
+    }
 
     // Whether `self.<method>` finds the class's own method (the object is standard and nothing of
     // that name is in its dict), so that the method's body may run on this record directly.
@@ -71,6 +87,8 @@ private:
     void load();
     // A field read where the class's code stores it, or looked up.
     Value get_slowly(Name field);
+    // Any other write.
+    void set_slowly(Name field, PyObject* object);
     // What `field` holds now, borrowed, or null: read where the class's code stores it.
     PyObject* field_at_place(int place);
     // Every entry of the dict: which are the class's fields, and whether there is anything else.
@@ -85,6 +103,10 @@ private:
     Ref dict_;                   // that dict while the object is standard, kept alive whatever replaces it
     KnownDict* known_ = nullptr;  // what the module knows of it
 };
+
+// Tells the module's records what a dict that the module itself just filled holds: the fields of
+// `cls` alone, with `field` (the only one, at its place) holding `value`.
+void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject* value);
 
 // The method `method` of the module's class `cls`, looked up on an object as `object.method` is,
 // before the call's arguments are evaluated: the class's own method when the object is exactly of

@@ -232,6 +232,9 @@ Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
         dict = own(PyObject_GenericGetDict(share.get(), nullptr));
     }
     check(PyDict_SetItem(dict.get(), name(state, Name::_give_back), give_back));
+    if (PyDict_GET_SIZE(dict.get()) == 1) {
+        know_dict(state, dict.get(), Own::Share, Name::_give_back, give_back);
+    }
     if (!PyObject_GC_IsTracked(share.get())) {
         PyObject_GC_Track(share.get());
     }
