@@ -21,10 +21,13 @@ cancel landed is given back.
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import functools
 import importlib.machinery
 import importlib.util
+import math
 import threading
+import time
 from collections.abc import Callable
 from typing import Any, Protocol, cast
 
@@ -87,7 +90,7 @@ def _fail(waiter: _Waiter, error: BaseException) -> None:
 
 
 # The wakers by id() of their bound object (a RunBudget is unhashable); a waker holds its object, so
-# the id stays its own while the waker is listed. Lock order: this lock, then an object's condition.
+# the id stays its own while the waker is listed. Lock order: an object's condition, then this lock.
 _wakers: dict[int, _Waker] = {}
 _wakers_lock = threading.Lock()
 
@@ -105,15 +108,12 @@ class _Waker:
     def __init__(self, owner: _Owner) -> None:
         self.owner = owner
         self.changed = owner._changed
-        self.waiters: dict[_Waiter, None] = {}  # in the order they came; under `changed`
+        # Under `changed`: the waiting tasks in the order they came, and when the waker's sleep ends.
+        self.waiters: dict[_Waiter, None] = {}
+        self.until = -math.inf
         self.thread = threading.Thread(
             target=self._run, name=f"decision_bounds waker of {type(owner).__name__}", daemon=True
         )
-
-    def add(self, waiter: _Waiter) -> None:
-        with self.changed:
-            self.waiters[waiter] = None
-            self.changed.notify_all()  # the waker may be asleep: it tries the newcomer at once
 
     def withdraw(self, waiter: _Waiter) -> Share | None:
         """Takes a cancelled task out; the share it was admitted with, if its delivery is under way."""
@@ -124,21 +124,29 @@ class _Waker:
 
     def _run(self) -> None:
         changed = self.changed
-        while True:
-            with changed:
-                while self.waiters:
+        with changed:
+            try:
+                while True:
                     wait = self._round()
-                    if wait is not None and self.waiters:
+                    if not self.waiters:
+                        with _wakers_lock:
+                            del _wakers[id(self.owner)]
+                        return
+                    if wait is not None:
                         # No release between the tries and the wait: a give-back after the last try
                         # notifies this wait.
+                        self.until = time.monotonic() + wait
                         changed.wait(wait)
-            with _wakers_lock, changed:
-                if not self.waiters:
-                    del _wakers[id(self.owner)]
-                    return
+            except BaseException as error:  # a fault of the waker itself: no task may wait for it
+                with _wakers_lock:
+                    _wakers.pop(id(self.owner), None)
+                for waiter in self.waiters:
+                    with contextlib.suppress(RuntimeError):
+                        waiter.loop.call_soon_threadsafe(_fail, waiter, error)
+                raise
 
     def _round(self) -> float | None:
-        """Tries every waiter once, under the owner's lock; the longest sleep before the next
+        """Tries every waiter once, under the owner's lock; how long to sleep before the next
         round, None when the round gave something back and must be followed at once."""
         wait: float | None = None
         again = False
@@ -150,10 +158,8 @@ class _Waker:
                 share, seconds = waiter.attempt()
             except BaseException as error:  # passed on to the task, as the blocking call raises it
                 del self.waiters[waiter]
-                try:
+                with contextlib.suppress(RuntimeError):  # a loop closed meanwhile
                     waiter.loop.call_soon_threadsafe(_fail, waiter, error)
-                except RuntimeError:  # the loop closed meanwhile
-                    pass
                 continue
             if share is None:
                 assert seconds is not None
@@ -170,17 +176,40 @@ class _Waker:
         return None if again else wait
 
 
-async def _wait(owner: _Owner, attempt: _Try) -> Share:
-    """Awaits the share that the owner's waker admits ``attempt`` with."""
-    waiter = _Waiter(asyncio.get_running_loop(), attempt)
+def _enlist(owner: _Owner, waiter: _Waiter, seconds: float) -> _Waker:
+    """Puts a task whose try just found no room among the owner's waiters, under the owner's lock
+    still held since that try: no give-back can come between them unseen."""
     with _wakers_lock:
         waker = _wakers.get(id(owner))
+        new = waker is None
         if waker is None:
             waker = _wakers[id(owner)] = _Waker(owner)
-            waker.add(waiter)
+    waker.waiters[waiter] = None
+    if new:  # its first round tries the newcomer
+        try:
             waker.thread.start()
-        else:
-            waker.add(waiter)
+        except BaseException:
+            with _wakers_lock:
+                del _wakers[id(owner)]
+            raise
+    elif time.monotonic() + seconds < waker.until:
+        # It must be tried again before the sleeping waker's next round: its deadline comes first.
+        # Otherwise nothing it waits for can change without a give-back, which wakes the waker.
+        waker.changed.notify_all()
+    return waker
+
+
+async def _wait(owner: _Owner, attempt: _Try) -> Share:
+    """Tries again under the owner's lock and, still without room, awaits the share that the
+    owner's waker admits ``attempt`` with."""
+    loop = asyncio.get_running_loop()
+    with owner._changed:
+        share, seconds = attempt()
+        if share is not None:
+            return share
+        assert seconds is not None
+        waiter = _Waiter(loop, attempt)
+        waker = _enlist(owner, waiter, seconds)
     try:
         return await waiter.future
     except BaseException:
