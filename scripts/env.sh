@@ -42,13 +42,13 @@ ensure_venv() {
     fi
     if [ ! -f "$venv/.tools-installed" ] || [ "$root/pyproject.toml" -nt "$venv/.tools-installed" ]; then
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check --upgrade pip
-        # The build tools, and the project's `test` and `demo` extras as pyproject.toml lists them.
+        # The build tools, and the project's `test`, `demo` and `sdk` extras as pyproject.toml lists them.
         local extras
         mapfile -t extras < <("$venv/bin/python" - "$root/pyproject.toml" <<'PY'
 import sys, tomllib
 with open(sys.argv[1], "rb") as f:
     wanted = tomllib.load(f)["project"]["optional-dependencies"]
-print("\n".join(need for extra in ("test", "demo") for need in wanted[extra]))
+print("\n".join(need for extra in ("test", "demo", "sdk") for need in wanted[extra]))
 PY
 )
         "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
