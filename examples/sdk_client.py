@@ -18,7 +18,7 @@ import asyncio
 import contextlib
 import dataclasses
 import enum
-import importlib.util
+import importlib
 import math
 import os
 import random
@@ -475,8 +475,11 @@ def main(argv: Sequence[str] | None = None) -> int:
     parser.add_argument("--async", dest="use_async", action="store_true", help="run the pass on asyncio tasks")
     parser.add_argument("--ledger", metavar="PATH", help="keep the ledger in this SQLite file (default: a temporary)")
     options = parser.parse_args(argv)
-    if options.use_async and importlib.util.find_spec("engines.decision_bounds_asyncio") is None:
-        parser.error("--async needs engines.decision_bounds_asyncio, which this build does not have")
+    if options.use_async:
+        try:
+            importlib.import_module("engines.decision_bounds_asyncio")
+        except ImportError:
+            parser.error("--async needs engines.decision_bounds_asyncio, which this build does not have")
 
     from fake_endpoint import FakeEndpoint  # beside this file: the example's own endpoint
 

@@ -4,7 +4,6 @@ reach the endpoint than the pass allows, every billed attempt is in the ledger, 
 its cap by no more than the bounds promise."""
 
 import asyncio
-import importlib.util
 import sqlite3
 import sys
 import threading
@@ -16,19 +15,10 @@ pytest.importorskip("openai", reason="the SDK example's extra is not installed: 
 
 from engines import decision_bounds as db
 
-EXAMPLES = Path(__file__).resolve().parent.parent / "examples"
-
-
-def load(name):
-    spec = importlib.util.spec_from_file_location(name, EXAMPLES / f"{name}.py")
-    module = importlib.util.module_from_spec(spec)
-    sys.modules[name] = module  # the client's main() imports the endpoint by this name
-    spec.loader.exec_module(module)
-    return module
-
-
-fake_endpoint = load("fake_endpoint")
-sdk_client = load("sdk_client")
+# The examples import each other by name, as they do when run from their folder.
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "examples"))
+import fake_endpoint
+import sdk_client
 
 TODAY, YESTERDAY = "2031-05-06", "2031-05-05"
 EARLIER = 0.004  # what an earlier run recorded today; yesterday's spend must not count
