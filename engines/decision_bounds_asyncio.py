@@ -225,11 +225,22 @@ async def _wait(owner: _Owner, attempt: _Try) -> Share:
 
 
 async def hold(budget: RunBudget, tokens: float) -> Share:
-    """:meth:`RunBudget.hold`, awaited: a call slot and ``tokens`` as a share, awaiting while the
-    calls in flight hold the rest of the tokens, without blocking the event loop.
+    """Hold a call slot and ``tokens`` of ``budget``, as :meth:`RunBudget.hold` does, awaiting
+    room instead of blocking the event loop while the calls in flight hold the rest of the tokens.
 
-    Raises what ``budget.hold(tokens)`` raises: DecisionBudgetExceeded, DecisionStopped.
-    Cancelled while it awaits, it holds nothing.
+    Args:
+        budget: The batch pass's budget.
+        tokens: The most input tokens the call may use; ``math.inf`` when that is not known.
+
+    Returns:
+        The share that ``budget.hold(tokens)`` makes: settled with the paid reply, or given back
+        unsettled when its ``with`` block ends.
+
+    Raises:
+        DecisionBudgetExceeded: The pass's call slots or settled tokens are used up.
+        DecisionStopped: The pass is stopping.
+
+    A task cancelled while it awaits holds nothing afterwards.
     """
     share, _ = _attempts.hold(budget, tokens, True)
     if share is not None:
@@ -245,15 +256,30 @@ async def admit(
     clock: Callable[[], float],
     stopping: Callable[[], bool],
 ) -> Share:
-    """:meth:`DailySpend.admit`, awaited: holds what a paid call may cost, awaiting while the calls
-    in flight hold the rest of the cap, without blocking the event loop.
+    """Hold what a paid call may cost of ``daily``, as :meth:`DailySpend.admit` does, awaiting
+    room instead of blocking the event loop while the calls in flight hold the rest of the cap.
 
-    The arguments are those of ``daily.admit``; ``bound``, ``clock`` and ``stopping`` are called on
-    the loop's thread for the first try and on the account's waker thread after it, with the
-    account's lock held.
+    Args:
+        daily: The day's account.
+        bound: The most the call may cost, USD (``math.inf`` when not known), asked again
+            after each wait.
+        deadline: When the call ends, on ``clock``; None: it waits until a call in flight
+            ends or ``stopping`` says so.
+        clock: The client's monotonic clock.
+        stopping: Whether the pass the call belongs to is stopping.
 
-    Raises what ``daily.admit`` raises: DecisionBudgetExceeded, DecisionTimeout, DecisionStopped.
-    Cancelled while it awaits, it holds nothing.
+    Returns:
+        The share that ``daily.admit`` makes: settled with the paid reply, it counts the reply's
+        cost today.
+
+    Raises:
+        DecisionBudgetExceeded: Today's settled calls cost the cap (warned once a day).
+        DecisionTimeout: The deadline passed while the calls in flight held the rest.
+        DecisionStopped: The pass is stopping.
+
+    ``bound``, ``clock`` and ``stopping`` are called with the account's lock held: on the loop's
+    thread for the first try, then on the account's waker thread. A task cancelled while it awaits
+    holds nothing afterwards.
     """
     attempt = functools.partial(_attempts.admit, daily, bound, deadline, clock, stopping)
     share, _ = attempt()
