@@ -34,7 +34,9 @@ def run(main, timeout=30.0):
         last = time.perf_counter()
         while True:
             await asyncio.sleep(0.001)
-            gaps.append(-last + (last := time.perf_counter()))
+            now = time.perf_counter()
+            gaps.append(now - last)
+            last = now
 
     async def body():
         asyncio.get_running_loop().set_default_executor(NoExecutor(1))
@@ -73,17 +75,17 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
         return wait(owner, attempt)
 
     monkeypatch.setattr(dba, "_wait", counted_wait)
-    budget = db.RunBudget(max_calls=1800, max_tokens=30_000, should_stop=stop.is_set)
+    budget = db.RunBudget(max_calls=600, max_tokens=30_000, should_stop=stop.is_set)
     # Each admission checked under its owner's lock; a slot beyond the pass's counts as a break.
     budget._held_tokens, broken = recording_held(
         lambda: budget.input_tokens if budget.calls + budget.in_flight <= budget.max_calls else math.inf, 30_000)
-    daily = db.DailySpend(1.5, today=lambda: "2031-05-06", ledger=None)
-    daily._held, broken_daily = recording_held(lambda: daily._cost, 1.5)
+    daily = db.DailySpend(5.0, today=lambda: "2031-05-06", ledger=None)
+    daily._held, broken_daily = recording_held(lambda: daily._cost, 5.0)
 
     def step(rng):  # the shares of one call, the time it is in flight, and how it settles
         tokens = math.inf if rng.random() < 0.1 else rng.choice([10, 60])
-        cost = math.inf if rng.random() < 0.05 else 0.004
-        deadline = time.monotonic() + 0.002 if rng.random() < 0.3 else None
+        cost = math.inf if rng.random() < 0.1 else 0.004
+        deadline = time.monotonic() + 0.001 if rng.random() < 0.5 else None
         reply = Reply(rng.choice([0.001, 0.004]), rng.randint(0, 40)) if rng.random() < 0.7 else None
         return tokens, cost, deadline, rng.choice([0, 0.001, 0.003]), reply
 
@@ -99,9 +101,10 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
 
     async def task(index, rng):
         for n in range(40):
-            if (index, n) == (0, 36):
+            if (index, n) == (0, 38):
                 stop.set()
             tokens, cost, deadline, busy, reply = step(rng)
+            await asyncio.sleep(0)  # a refused call does not await: the gaps are the module's alone
             with call(reply), await dba.hold(budget, tokens) as pass_share, await admit(
                     daily, cost, deadline, budget.stopping) as day_share:
                 await asyncio.sleep(busy)
@@ -132,7 +135,9 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
     assert not broken and not broken_daily and settled(budget, daily)
     assert (budget.calls, budget.input_tokens) == (done["paid"], done["tokens"]) and done["waits"] > 50
     assert all(done[error] for error in ("DecisionTimeout", "DecisionStopped", "DecisionBudgetExceeded"))
-    assert max(gaps) < 0.05, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
+    # Eight threads share the interpreter lock here, and a holder of the bound's lock may wait for
+    # it in turn: no wait stops the loop, but a try can take a few switch intervals (5 ms each).
+    assert max(gaps) < 0.1, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
 
 
 @pytest.mark.parametrize("seed", range(3))
