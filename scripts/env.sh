@@ -69,7 +69,7 @@ ensure_venv() {
         "$python" -m venv "$venv"
     fi
     # The build tools first: the editable install below builds without isolation.
-    install_groups "$venv" build test typecheck demo
+    install_groups "$venv" build test typecheck demo sdk
     # An editable install: importing the module rebuilds it when a source has changed, with the
     # settings that build/dev was set up with. Checked from outside the checkout: there,
     # `engines/decision_bounds/` is only the source folder.

@@ -1,10 +1,12 @@
 """What the tests share: a reply as the client gives one, a look at an owner's lock, a fresh
-interpreter, a fresh copy of the module, and the module's plain-Python twin to compare it with."""
+interpreter, a fresh copy of the module, the module's plain-Python twin to compare it with, and a
+held amount that checks each admission."""
 
 import contextlib
 import functools
 import importlib
 import importlib.util
+import math
 import pathlib
 import subprocess
 import sys
@@ -111,3 +113,20 @@ def fields(obj):
     left out."""
     return [(str(key), fields(value) if type(value).__name__ in ("_Held", "_Charges") else repr(value))
             for key, value in vars(obj).items() if key not in SKIPPED]
+
+
+def recording_held(owner_used, limit):
+    """A `_Held` that records, under its owner's lock, what was held at each admission, and checks
+    that the admission rule allowed it."""
+    from engines import decision_bounds as db
+
+    broken = []
+
+    class Recording(db._Held):
+        def take(self, share):
+            used = owner_used()
+            if self.unbounded or (math.isinf(share) and self.holders) or not used + self.amount < limit:
+                broken.append((share, used, self.holders, self.amount, self.unbounded))
+            super().take(share)
+
+    return Recording(), broken

@@ -9,24 +9,9 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import Reply
+from support import Reply, recording_held
 
 THREADS = 16
-
-
-def recording_held(owner_used, limit):
-    """A `_Held` that records, under its owner's lock, what was held at each admission, and checks
-    that the admission rule allowed it."""
-    broken = []
-
-    class Recording(db._Held):
-        def take(self, share):
-            used = owner_used()
-            if self.unbounded or (math.isinf(share) and self.holders) or not used + self.amount < limit:
-                broken.append((share, used, self.holders, self.amount, self.unbounded))
-            super().take(share)
-
-    return Recording(), broken
 
 
 def assert_holds(record, held, amount):
