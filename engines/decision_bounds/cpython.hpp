@@ -23,7 +23,9 @@ inline int visit_managed_dict(PyObject* object, visitproc visit, void* arg) {
 inline void clear_managed_dict(PyObject* object) { _PyObject_ClearManagedDict(object); }
 
 // An int that fits a machine word, read without a call.
-inline bool is_compact(PyObject* integer) { return PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(integer)); }
+inline bool is_compact(PyObject* integer) {
+    return PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(integer));
+}
 inline Py_ssize_t compact_value(PyObject* integer) {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(integer));
 }

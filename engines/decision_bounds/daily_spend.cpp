@@ -1,7 +1,6 @@
 #include "daily_spend.hpp"
 
 #include <optional>
-#include <tuple>
 
 #include "shares.hpp"
 #include "startup.hpp"
@@ -75,13 +74,10 @@ Value daily_spent_since(Record& self, const Value& day) {
     }
     try {
         // `float(self._ledger(day))`
-        return call_builtin(
-            fn, Fact::float_, Name::float_,
-            [&] {
-                Value ledger = self.get(Name::_ledger);
-                return std::tuple<Value>{Value::own(call(ledger.get(), day.get()))};
-            },
-            [](const Value& figure) { return Value::own(own(PyNumber_Float(figure.get()))); });
+        Builtin to_float(fn, Fact::float_, Name::float_);
+        Value ledger = self.get(Name::_ledger);
+        Value figure = Value::own(call(ledger.get(), day.get()));
+        return to_float.standard() ? Value::own(own(PyNumber_Float(figure.get()))) : to_float.call(figure);
     } catch (const PythonError&) {
         // Only an `Exception` means the ledger cannot be read; an interrupt or an exit passes on.
         if (!caught_as_exception(fn)) {
@@ -127,9 +123,10 @@ Value daily_spent(Record& self) {
 // `format(value(), spec)`, `format` read first.
 template <typename Formatted>
 Value formatted(FunctionObject* fn, Formatted&& value, const char* spec) {
-    return call_builtin(
-        fn, Fact::format, Name::format, [&] { return std::tuple<Value, Value>{value(), Value::other(text(spec))}; },
-        [](const Value& shown, const Value& how) { return Value::own(own(PyObject_Format(shown.get(), how.get()))); });
+    Builtin format(fn, Fact::format, Name::format);
+    Value shown = value();
+    Value how = Value::other(text(spec));
+    return format.standard() ? Value::own(own(PyObject_Format(shown.get(), how.get()))) : format.call(shown, how);
 }
 
 // `a + b` of two texts, as the code concatenates them.

@@ -6,6 +6,18 @@ namespace {
 // Ints up to this size, either way, are floats exactly; so are sums and comparisons made with them.
 constexpr long long exact_limit = 1LL << 53;
 
+template <typename T>
+bool comparison(T a, T b, int op) {
+    switch (op) {
+        case Py_LT: return a < b;
+        case Py_LE: return a <= b;
+        case Py_EQ: return a == b;
+        case Py_NE: return a != b;
+        case Py_GT: return a > b;
+        default: return a >= b;
+    }
+}
+
 // `a <op> b` in machine numbers: false when that would not be what the number types give.
 bool compare_numbers(const Value& a, const Value& b, int op, bool* result) {
     if (a.is_integer() && b.is_integer()) {
@@ -60,32 +72,28 @@ Value arithmetic(const Value& a, const Value& b, Operation operation, binaryfunc
 
 }  // namespace
 
-// An int beyond a machine word's fast form may still fit 64 bits; anything else is an object.
-void Value::classify_other(PyObject* object) {
-    kind_ = Kind::object;
-    if (PyLong_CheckExact(object)) {
-        int overflow = 0;
-        long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
-        if (overflow == 0) {
-            kind_ = Kind::integer;
-            integer_ = number;
-        }
+Number Number::of(PyObject* object) noexcept {
+    if (PyFloat_CheckExact(object)) {
+        return {.kind = Kind::real, .integer = 0, .real = PyFloat_AS_DOUBLE(object)};
     }
+    if (!PyLong_CheckExact(object)) {
+        return {};
+    }
+    if (cpython::is_compact(object)) {
+        return {.kind = Kind::integer, .integer = cpython::compact_value(object), .real = 0.0};
+    }
+    // Beyond a machine word's fast form an int may still fit 64 bits.
+    int overflow = 0;
+    long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
+    return overflow == 0 ? Number{.kind = Kind::integer, .integer = number, .real = 0.0} : Number{};
 }
 
-Value Value::of(long long number) noexcept {
-    Value value;
-    value.kind_ = Kind::integer;
-    value.integer_ = number;
-    return value;
+Value Value::own(Ref object) {
+    Number number = Number::of(object.get());
+    return number.kind == Number::Kind::other ? other(std::move(object)) : known(nullptr, number);
 }
 
-Value Value::of(double number) noexcept {
-    Value value;
-    value.kind_ = Kind::real;
-    value.real_ = number;
-    return value;
-}
+Value Value::borrow(PyObject* object) { return known(object, Number::of(object)); }
 
 bool Value::exact_float(double* out) const noexcept {
     if (kind_ == Kind::real) {
@@ -105,15 +113,14 @@ PyObject* Value::made() const {
     return object_.get();
 }
 
-Value add_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_Add); }
-Value add_in_place_slowly(const Value& a, const Value& b) {
-    return arithmetic(a, b, Operation::add, PyNumber_InPlaceAdd);
-}
-Value subtract_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::subtract, PyNumber_Subtract); }
-Value multiply_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::multiply, PyNumber_Multiply); }
-Value divide_slowly(const Value& a, const Value& b) { return arithmetic(a, b, Operation::divide, PyNumber_TrueDivide); }
+Value add(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_Add); }
+// Ints and floats have no in-place addition of their own: `+=` adds them as `+` does.
+Value add_in_place(const Value& a, const Value& b) { return arithmetic(a, b, Operation::add, PyNumber_InPlaceAdd); }
+Value subtract(const Value& a, const Value& b) { return arithmetic(a, b, Operation::subtract, PyNumber_Subtract); }
+Value multiply(const Value& a, const Value& b) { return arithmetic(a, b, Operation::multiply, PyNumber_Multiply); }
+Value divide(const Value& a, const Value& b) { return arithmetic(a, b, Operation::divide, PyNumber_TrueDivide); }
 
-Value compare_slowly(const Value& a, const Value& b, int op) {
+Value compare(const Value& a, const Value& b, int op) {
     bool result;
     if (compare_numbers(a, b, op, &result)) {
         return Value::other(boolean(result));
@@ -121,7 +128,7 @@ Value compare_slowly(const Value& a, const Value& b, int op) {
     return Value::own(own(PyObject_RichCompare(a.get(), b.get(), op)));
 }
 
-bool holds_slowly(const Value& a, const Value& b, int op) {
+bool holds(const Value& a, const Value& b, int op) {
     bool result;
     if (compare_numbers(a, b, op, &result)) {
         return result;
@@ -129,7 +136,13 @@ bool holds_slowly(const Value& a, const Value& b, int op) {
     return truth(Value::own(own(PyObject_RichCompare(a.get(), b.get(), op))));
 }
 
-bool truth_slowly(const Value& value) {
+bool truth(const Value& value) {
+    if (value.is_integer()) {
+        return value.integer() != 0;
+    }
+    if (value.is_real()) {
+        return value.real() != 0.0;
+    }
     PyObject* object = value.get();
     if (object == Py_True) {
         return true;
@@ -139,5 +152,8 @@ bool truth_slowly(const Value& value) {
     }
     return check(PyObject_IsTrue(object)) != 0;
 }
+
+Value larger(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_GT) ? candidate : kept; }
+Value smaller(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_LT) ? candidate : kept; }
 
 }  // namespace decision_bounds

@@ -1,47 +1,72 @@
 // Amounts and counters as the module's code computes them.
 //
-// A `Value` owns what it holds: a Python object, and, when that object is exactly an int that fits
-// 64 bits or exactly a float, the machine number too; a value computed in machine numbers gets its
-// object only when something needs one. The arithmetic and comparisons below give what the number
-// types give: in machine numbers where that is the same result, and otherwise by asking the
-// objects, which may run the caller's code.
+// A `Value` owns what it holds: a machine number when it is exactly an int that fits 64 bits or
+// exactly a float, and otherwise a reference to the object. A number gets an object only when
+// something needs one (a write, a call), a new one of the same value. The arithmetic and
+// comparisons below give what the number types give: in machine numbers where that is the same
+// result, and otherwise by asking the objects, which may run the caller's code.
 #pragma once
 
 #include "pyref.hpp"
 
 namespace decision_bounds {
 
+// What an object is as a number: exactly an int within 64 bits, exactly a float, or neither.
+struct Number {
+    enum class Kind : unsigned char { other, integer, real };
+    Kind kind = Kind::other;
+    long long integer = 0;
+    double real = 0.0;
+
+    static Number of(PyObject* object) noexcept;
+};
+
 class Value {
 public:
     Value() noexcept = default;
 
-    // The value of an object, taken over or borrowed.
-    [[gnu::always_inline]] static Value own(Ref object) {
+    // The value of an object already read as a number.
+    static Value known(PyObject* object, const Number& number) {
         Value value;
-        PyObject* p = object.get();
-        if (PyFloat_CheckExact(p)) {
-            value.kind_ = Kind::real;
-            value.real_ = PyFloat_AS_DOUBLE(p);
-        } else if (PyLong_CheckExact(p) && cpython::is_compact(p)) {
-            value.kind_ = Kind::integer;
-            value.integer_ = cpython::compact_value(p);
-        } else {
-            value.classify_other(p);
+        switch (number.kind) {
+            case Number::Kind::integer: value.kind_ = Kind::integer; value.integer_ = number.integer; break;
+            case Number::Kind::real: value.kind_ = Kind::real; value.real_ = number.real; break;
+            default: value.kind_ = Kind::object; value.object_ = Ref::borrow(object); break;
         }
-        value.object_ = std::move(object);
         return value;
     }
-    [[gnu::always_inline]] static Value borrow(PyObject* object) { return own(Ref::borrow(object)); }
+    // What the value is as a number.
+    Number number() const noexcept {
+        return {.kind = kind_ == Kind::integer ? Number::Kind::integer
+                        : kind_ == Kind::real  ? Number::Kind::real
+                                               : Number::Kind::other,
+                .integer = integer_,
+                .real = real_};
+    }
+
+    // The value of an object, taken over or borrowed: a number is read, anything else kept.
+    static Value own(Ref object);
+    static Value borrow(PyObject* object);
     // An object known to be no int or float (None, a bool, a text): nothing to classify.
-    [[gnu::always_inline]] static Value other(Ref object) noexcept {
+    static Value other(Ref object) noexcept {
         Value value;
         value.kind_ = Kind::object;
         value.object_ = std::move(object);
         return value;
     }
     // A number computed in machine arithmetic.
-    static Value of(long long number) noexcept;
-    static Value of(double number) noexcept;
+    static Value of(long long number) noexcept {
+        Value value;
+        value.kind_ = Kind::integer;
+        value.integer_ = number;
+        return value;
+    }
+    static Value of(double number) noexcept {
+        Value value;
+        value.kind_ = Kind::real;
+        value.real_ = number;
+        return value;
+    }
 
     explicit operator bool() const noexcept { return kind_ != Kind::unset; }
     bool is_integer() const noexcept { return kind_ == Kind::integer; }
@@ -52,13 +77,13 @@ public:
     bool exact_float(double* out) const noexcept;
 
     // The object (made when first asked for), borrowed from the value.
-    [[gnu::always_inline]] PyObject* get() const { return object_ ? object_.get() : made(); }
+    PyObject* get() const { return object_ ? object_.get() : made(); }
     Ref ref() const { return Ref::borrow(get()); }
 
 private:
     enum class Kind : unsigned char { unset, object, integer, real };
 
-    void classify_other(PyObject* object);
+
     PyObject* made() const;
 
     Kind kind_ = Kind::unset;
@@ -67,99 +92,20 @@ private:
     mutable Ref object_;
 };
 
-// The operations in full: machine numbers where they give what the number types give, the objects'
-// own methods otherwise. The inline forms below take the common cases first.
-Value add_slowly(const Value& a, const Value& b);
-Value add_in_place_slowly(const Value& a, const Value& b);
-Value subtract_slowly(const Value& a, const Value& b);
-Value multiply_slowly(const Value& a, const Value& b);
-Value divide_slowly(const Value& a, const Value& b);
-Value compare_slowly(const Value& a, const Value& b, int op);
-bool holds_slowly(const Value& a, const Value& b, int op);
-bool truth_slowly(const Value& value);
-
-inline Value add(const Value& a, const Value& b) {  // `a + b`
-    long long sum;
-    if (a.is_integer() && b.is_integer() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
-        return Value::of(sum);
-    }
-    if (a.is_real() && b.is_real()) {
-        return Value::of(a.real() + b.real());
-    }
-    return add_slowly(a, b);
-}
-
-// `a += b`: ints and floats have no in-place addition of their own, and add as `+` does.
-inline Value add_in_place(const Value& a, const Value& b) {
-    long long sum;
-    if (a.is_integer() && b.is_integer() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
-        return Value::of(sum);
-    }
-    if (a.is_real() && b.is_real()) {
-        return Value::of(a.real() + b.real());
-    }
-    return add_in_place_slowly(a, b);
-}
-
-inline Value subtract(const Value& a, const Value& b) {  // `a - b`
-    long long difference;
-    if (a.is_integer() && b.is_integer() && !__builtin_sub_overflow(a.integer(), b.integer(), &difference)) {
-        return Value::of(difference);
-    }
-    if (a.is_real() && b.is_real()) {
-        return Value::of(a.real() - b.real());
-    }
-    return subtract_slowly(a, b);
-}
-
-inline Value multiply(const Value& a, const Value& b) { return multiply_slowly(a, b); }  // `a * b`
-inline Value divide(const Value& a, const Value& b) { return divide_slowly(a, b); }      // `a / b`
-
-template <typename T>
-bool comparison(T a, T b, int op) {
-    switch (op) {
-        case Py_LT: return a < b;
-        case Py_LE: return a <= b;
-        case Py_EQ: return a == b;
-        case Py_NE: return a != b;
-        case Py_GT: return a > b;
-        default: return a >= b;
-    }
-}
-
-// `bool(a <op> b)`, as an `if` takes it.
-inline bool holds(const Value& a, const Value& b, int op) {
-    if (a.is_integer() && b.is_integer()) {
-        return comparison(a.integer(), b.integer(), op);
-    }
-    if (a.is_real() && b.is_real()) {
-        return comparison(a.real(), b.real(), op);
-    }
-    return holds_slowly(a, b, op);
-}
-
-// `a <op> b`, the result as it is.
-inline Value compare(const Value& a, const Value& b, int op) {
-    if ((a.is_integer() && b.is_integer()) || (a.is_real() && b.is_real())) {
-        return Value::other(boolean(holds(a, b, op)));
-    }
-    return compare_slowly(a, b, op);
-}
-
-// `bool(value)`
-inline bool truth(const Value& value) {
-    if (value.is_integer()) {
-        return value.integer() != 0;
-    }
-    if (value.is_real()) {
-        return value.real() != 0.0;
-    }
-    return truth_slowly(value);
-}
-
+// The operations, as the number types give them: in machine numbers for exact ints (within 64 bits)
+// and floats, and by asking the objects otherwise. They are called, not written out where used: the
+// code that uses them stays small, and one copy of each is all the hot code there is.
+Value add(const Value& a, const Value& b);           // `a + b`
+Value add_in_place(const Value& a, const Value& b);  // `a += b`
+Value subtract(const Value& a, const Value& b);      // `a - b`
+Value multiply(const Value& a, const Value& b);      // `a * b`
+Value divide(const Value& a, const Value& b);        // `a / b`
+Value compare(const Value& a, const Value& b, int op);  // `a <op> b`, the result as it is
+bool holds(const Value& a, const Value& b, int op);      // `bool(a <op> b)`, as an `if` takes it
+bool truth(const Value& value);                          // `bool(value)`
 // What the built-in `max(kept, candidate)` and `min(kept, candidate)` give: `candidate` only when it
 // is strictly greater (smaller), else `kept`, the very object.
-inline Value larger(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_GT) ? candidate : kept; }
-inline Value smaller(const Value& kept, const Value& candidate) { return holds(candidate, kept, Py_LT) ? candidate : kept; }
+Value larger(const Value& kept, const Value& candidate);
+Value smaller(const Value& kept, const Value& candidate);
 
 }  // namespace decision_bounds

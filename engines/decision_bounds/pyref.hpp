@@ -23,7 +23,7 @@ namespace decision_bounds {
 // Thrown after a Python exception has been set; carries nothing itself.
 struct PythonError {};
 
-[[noreturn]] inline void raise_current() {
+[[noreturn, gnu::cold, gnu::noinline]] inline void raise_current() {
     assert(PyErr_Occurred());
     throw PythonError{};
 }
@@ -50,9 +50,11 @@ public:
         Ref(std::move(other)).swap(*this);
         return *this;
     }
+    // A release is a call, not code written out at every place a handle goes: the code that uses
+    // handles stays small.
     ~Ref() noexcept(false) {
-        if (p_ != nullptr && thread_is_attached()) {
-            Py_DECREF(p_);
+        if (p_ != nullptr) {
+            drop(p_);
         }
     }
 
@@ -69,12 +71,17 @@ public:
 
 private:
     explicit Ref(PyObject* p) noexcept : p_(p) {}
+    [[gnu::noinline]] static void drop(PyObject* p) {
+        if (thread_is_attached()) {
+            Py_DECREF(p);
+        }
+    }
     PyObject* p_ = nullptr;
 };
 
 // A new reference from a C-API call that returns null on failure.
 inline Ref own(PyObject* p) {
-    if (p == nullptr) {
+    if (p == nullptr) [[unlikely]] {
         raise_current();
     }
     return Ref::steal(p);
@@ -82,7 +89,7 @@ inline Ref own(PyObject* p) {
 
 // A C-API status that is negative on failure.
 inline int check(int status) {
-    if (status < 0) {
+    if (status < 0) [[unlikely]] {
         raise_current();
     }
     return status;

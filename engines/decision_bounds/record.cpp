@@ -7,21 +7,35 @@ namespace decision_bounds {
 
 namespace {
 
-// A few dicts are known at a time, each in the place its address gives it.
-size_t known_place(PyObject* dict) { return (reinterpret_cast<uintptr_t>(dict) * 0x9E3779B97F4A7C15ULL) >> (64 - 4); }
+// What the module knows of `dict`, an instance dict of `cls`: the entry that holds it, or else the
+// one to hold it from now on (the other one of its set than the one used last, emptied). Entries
+// stay where they are: records point at them.
+KnownDict& known_entry(ModuleState& state, PyObject* dict, Own cls) {
+    static_assert(ModuleState::known_sets == 4);
+    auto place = (reinterpret_cast<uintptr_t>(dict) * 0x9E3779B97F4A7C15ULL) >> (64 - 2);
+    ModuleState::KnownSet& set = state.known[static_cast<int>(cls)][place];
+    unsigned long long version = cpython::dict_version(dict);
+    for (unsigned char way = 0; way < 2; ++way) {
+        if (set.ways[way].dict == dict && set.ways[way].version == version) {
+            set.recent = way;
+            return set.ways[way];
+        }
+    }
+    set.recent = static_cast<unsigned char>(1 - set.recent);
+    KnownDict& known = set.ways[set.recent];
+    known = KnownDict{.dict = dict, .version = version, .cls = cls, .keys = KnownDict::Keys::unknown, .read = 0, .fields = {}, .numbers = {}};
+    return known;
+}
 
 }  // namespace
 
 void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject* value) {
-    KnownDict& known = state.known[known_place(dict)];
-    int place = place_of(cls, field);
-    known.dict = dict;
-    known.version = cpython::dict_version(dict);
-    known.cls = cls;
+    KnownDict& known = known_entry(state, dict, cls);
     known.keys = KnownDict::Keys::fields_only;
     known.read = static_cast<unsigned short>((1U << field_count(cls)) - 1);
     std::fill(std::begin(known.fields), std::end(known.fields), nullptr);
-    known.fields[place] = value;
+    known.fields[place_of(cls, field)] = value;
+    known.numbers[place_of(cls, field)] = Number::of(value);
 }
 
 void Record::load() {
@@ -41,15 +55,7 @@ void Record::load() {
     slot_ = slot;
     PyObject* dict = *slot;
     dict_ = Ref::borrow(dict);
-    known_ = &state.known[known_place(dict)];
-    unsigned long long version = cpython::dict_version(dict);
-    if (known_->dict != dict || known_->version != version || known_->cls != cls_) {
-        known_->dict = dict;
-        known_->version = version;
-        known_->cls = cls_;
-        known_->keys = Keys::unknown;
-        known_->read = 0;
-    }
+    known_ = &known_entry(state, dict, cls_);
 }
 
 PyObject* Record::field_at_place(int place) {
@@ -64,6 +70,7 @@ PyObject* Record::field_at_place(int place) {
     if (PyDict_Next(dict_.get(), &position, &key, &value) &&
         key == name(fn_, fields::of_class[static_cast<size_t>(cls_)][place])) {
         known_->fields[place] = value;
+        known_->numbers[place] = Number::of(value);
         known_->read |= static_cast<unsigned short>(1U << place);
         return value;
     }
@@ -87,11 +94,39 @@ void Record::read_all() {
         }
         if (field >= 0) {
             known_->fields[field] = value;
+            known_->numbers[field] = Number::of(value);
         } else {
             keys = Keys::others;
         }
     }
     known_->keys = keys;
+}
+
+Value Record::get(Name field) {
+    int place = place_of(cls_, field);
+    if (place >= 0 && current() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
+        return Value::known(known_->fields[place], known_->numbers[place]);
+    }
+    return get_slowly(field);
+}
+
+void Record::set(Name field, const Value& value) {
+    PyObject* object = value.get();
+    int place = place_of(cls_, field);
+    // The usual write: a field whose old value the module knows, in a dict whose keys are all
+    // exact `str`. With the old value held through it (unless freeing it runs nothing anyway: an
+    // exact number, None), the write runs no code, so what the module knew still holds.
+    if (place >= 0 && writes_quietly() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
+        PyObject* before = known_->fields[place];
+        Ref old = PyFloat_CheckExact(before) || PyLong_CheckExact(before) || before == Py_None ? Ref()
+                                                                                              : Ref::borrow(before);
+        check(PyDict_SetItem(dict_.get(), name(fn_, field), object));
+        known_->fields[place] = object;
+        known_->numbers[place] = value.number();
+        known_->version = cpython::dict_version(dict_.get());
+        return;  // `old` goes now; what freeing it runs, the next use notices
+    }
+    set_slowly(field, object);
 }
 
 Value Record::get_slowly(Name field) {
@@ -144,6 +179,7 @@ void Record::set_slowly(Name field, PyObject* object) {
     check(PyDict_SetItem(dict_.get(), key, object));
     if (plain) {
         known->fields[place] = object;
+        known->numbers[place] = Number::of(object);
         known->version = cpython::dict_version(dict_.get());
     } else {
         known->dict = nullptr;  // read again at the next use

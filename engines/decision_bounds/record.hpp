@@ -38,30 +38,8 @@ public:
     PyObject* object() const noexcept { return object_; }
     Own cls() const noexcept { return cls_; }
 
-    Value get(Name field) {
-        int place = place_of(cls_, field);
-        if (place >= 0 && current() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
-            return Value::borrow(known_->fields[place]);
-        }
-        return get_slowly(field);
-    }
-    void set(Name field, const Value& value) {
-        PyObject* object = value.get();
-        int place = place_of(cls_, field);
-        // The usual write: a field whose old value the module knows, in a dict whose keys are all
-        // exact `str`. With the old value held through it (unless freeing it runs nothing anyway:
-        // an exact number, None), the write runs no code, so what the module knew still holds.
-        if (place >= 0 && writes_quietly() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
-            PyObject* before = known_->fields[place];
-            Ref old = PyFloat_CheckExact(before) || PyLong_CheckExact(before) || before == Py_None ? Ref()
-                                                                                                  : Ref::borrow(before);
-            check(PyDict_SetItem(dict_.get(), name(fn_, field), object));
-            known_->fields[place] = object;
-            known_->version = cpython::dict_version(dict_.get());
-            return;  // `old` goes now; what freeing it runs, the next use notices
-        }
-        set_slowly(field, object);
-    }
+    Value get(Name field);
+    void set(Name field, const Value& value);
 
     // Whether `self.<method>` finds the class's own method (the object is standard and nothing of
     // that name is in its dict), so that the method's body may run on this record directly.
@@ -79,8 +57,10 @@ private:
     // Whether what the module read of the dict still holds (never, while the object is not
     // standard).
     bool current() const {
+        // A version is never given twice, so the entry's version being the dict's says it is this
+        // dict's entry too.
         return dict_ && *slot_ == dict_.get() && Py_TYPE(object_) == type_ && type_->tp_version_tag == class_version_ &&
-               known_->dict == dict_.get() && known_->version == cpython::dict_version(dict_.get());
+               known_->version == cpython::dict_version(dict_.get());
     }
     // Reads the object afresh: whether it is standard, and then where its dict is and what the
     // module knows of it. Fields are read when first asked for.
@@ -92,7 +72,7 @@ private:
     // What `field` holds now, borrowed, or null: read where the class's code stores it.
     PyObject* field_at_place(int place);
     // Every entry of the dict: which are the class's fields, and whether there is anything else.
-    void read_all();
+    [[gnu::cold]] void read_all();
 
     FunctionObject* fn_;
     PyObject* object_;

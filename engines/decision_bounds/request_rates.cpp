@@ -1,6 +1,5 @@
 #include "request_rates.hpp"
 
-#include <tuple>
 
 #include "shares.hpp"
 #include "startup.hpp"
@@ -8,36 +7,29 @@
 namespace decision_bounds {
 namespace {
 
-// `max(a, b)` as the code calls it, the arguments given by `arguments()` once `max` is read.
-template <typename Arguments>
-Value maximum(FunctionObject* fn, Arguments&& arguments) {
-    return call_builtin(fn, Fact::max, Name::max, arguments,
-                        [](const Value& kept, const Value& candidate) { return larger(kept, candidate); });
-}
-
 // _Charges
 
 constexpr const char* charges_doc = "The most one measure of the paid replies came to: for one call, and per request byte.";
 
 // `max(self.per_byte * size, self.per_call)`: on a tie the product is the answer, with its type.
 Value charges_bound(Record& self, const Value& size) {
-    return maximum(self.fn(), [&] {
-        return std::tuple<Value, Value>{multiply(self.get(Name::per_byte), size), self.get(Name::per_call)};
-    });
+    Builtin max(self.fn(), Fact::max, Name::max);
+    Value product = multiply(self.get(Name::per_byte), size);
+    return maximum(max, product, self.get(Name::per_call));
 }
 
 Value charges_learn(Record& self, const Value& size, const Value& charge) {
     FunctionObject* fn = self.fn();
     // `self.per_byte = max(self.per_byte, charge / max(size, 1))`: an empty request counts as one byte.
-    Value per_byte = maximum(fn, [&] {
-        Value kept = self.get(Name::per_byte);
-        Value bytes = maximum(fn, [&] { return std::tuple<Value, Value>{size, one()}; });
-        return std::tuple<Value, Value>{kept, divide(charge, bytes)};
-    });
-    self.set(Name::per_byte, per_byte);
+    Builtin max(fn, Fact::max, Name::max);
+    Value kept = self.get(Name::per_byte);
+    Builtin max_bytes(fn, Fact::max, Name::max);
+    Value bytes = maximum(max_bytes, size, one());
+    self.set(Name::per_byte, maximum(max, kept, divide(charge, bytes)));
     // The charge itself is kept, so an integer token count stays an integer.
-    Value per_call = maximum(fn, [&] { return std::tuple<Value, Value>{self.get(Name::per_call), charge}; });
-    self.set(Name::per_call, per_call);
+    Builtin max_call(fn, Fact::max, Name::max);
+    Value per_call = self.get(Name::per_call);
+    self.set(Name::per_call, maximum(max_call, per_call, charge));
     return none_value();
 }
 
@@ -77,9 +69,8 @@ Value rates_init(Record& self) {
     self.set(Name::_lock, made_by(fn, Name::threading, Name::Lock));
     self.set(Name::_cost, Value::own(call(global(fn, Name::_Charges).get())));
     self.set(Name::_tokens, Value::own(call(global(fn, Name::_Charges).get())));
-    Value features = call_builtin(
-        fn, Fact::set, Name::set, [] { return std::tuple<>{}; }, [] { return Value::own(own(PySet_New(nullptr))); });
-    self.set(Name::_features, features);
+    Builtin set(fn, Fact::set, Name::set);
+    self.set(Name::_features, set.standard() ? Value::other(own(PySet_New(nullptr))) : set.call());
     return none_value();
 }
 

@@ -14,16 +14,10 @@ constexpr const char* budget_doc = R"doc(Bounds one batch pass: its calls, its t
 Value stopping(Record& self) {
     FunctionObject* fn = self.fn();
     // `bool(self.should_stop())`; the module's own `never` answers False without being called.
-    return call_builtin(
-        fn, Fact::bool_, Name::bool_,
-        [&] {
-            Value should_stop = self.get(Name::should_stop);
-            if (is_never(fn, should_stop.get())) {
-                return std::tuple<Value>{false_value()};
-            }
-            return std::tuple<Value>{Value::own(call(should_stop.get()))};
-        },
-        [](const Value& result) { return Value::other(boolean(truth(result))); });
+    Builtin to_bool(fn, Fact::bool_, Name::bool_);
+    Value should_stop = self.get(Name::should_stop);
+    Value result = is_never(fn, should_stop.get()) ? false_value() : Value::own(call(should_stop.get()));
+    return to_bool.standard() ? Value::other(boolean(truth(result))) : to_bool.call(result);
 }
 
 // `self.calls + self.in_flight >= self.max_calls or self.input_tokens >= self.max_tokens`, with the

@@ -300,14 +300,6 @@ Ref share_class(PyObject* module) {
 constexpr const char* held_doc = R"doc(What the admitted calls hold of one bound: how many hold a share, the sum of the bounded
     shares, and how many hold an unbounded one (``math.inf``).)doc";
 
-// `max(floor, value)` as the code calls it.
-template <typename Candidate>
-Value at_least(FunctionObject* fn, const Value& floor, Candidate&& candidate) {
-    return call_builtin(
-        fn, Fact::max, Name::max, [&] { return std::tuple<Value, Value>{floor, candidate()}; },
-        [](const Value& kept, const Value& other) { return larger(kept, other); });
-}
-
 constexpr Param admits_params[] = {{"self", nullptr}, {"share", "float"}, {"used", "float"}, {"limit", "float"}};
 constexpr Param share_params[] = {{"self", nullptr}, {"share", "float"}};
 
@@ -357,6 +349,28 @@ bool is_unbounded(FunctionObject* fn, const Value& value) {
     return truth(Value::own(call(isinf.get(), value.get())));
 }
 
+Builtin::Builtin(FunctionObject* fn, Fact fact, Name builtin) {
+    if (!is_standard(fn, fact)) {
+        object_ = global(fn, builtin);
+    }
+}
+
+Value Builtin::call() const { return Value::own(decision_bounds::call(object_.get())); }
+
+Value Builtin::call(const Value& argument) const { return Value::own(decision_bounds::call(object_.get(), argument.get())); }
+
+Value Builtin::call(const Value& first, const Value& second) const {
+    return Value::own(decision_bounds::call(object_.get(), first.get(), second.get()));
+}
+
+Value maximum(const Builtin& max, const Value& kept, const Value& candidate) {
+    return max.standard() ? larger(kept, candidate) : max.call(kept, candidate);
+}
+
+Value minimum(const Builtin& min, const Value& kept, const Value& candidate) {
+    return min.standard() ? smaller(kept, candidate) : min.call(kept, candidate);
+}
+
 Value made_by(FunctionObject* fn, Name module, Name attribute) {
     Ref found = global(fn, module);
     Ref maker = getattr(found.get(), name(fn, attribute));
@@ -372,7 +386,9 @@ void add_from(Record& self, Name field, const Value& reply, Name paid) {
 }
 
 void one_less(Record& self, Name field) {
-    self.set(field, at_least(self.fn(), zero(), [&] { return subtract(self.get(field), one()); }));
+    Builtin max(self.fn(), Fact::max, Name::max);
+    Value less = subtract(self.get(field), one());
+    self.set(field, maximum(max, zero(), less));
 }
 
 Value new_share_of(FunctionObject* fn, const Ref& cls, const Value& give_back) {
@@ -408,19 +424,21 @@ Value held_take(Record& self, const Value& share) {
 
 Value held_give_back(Record& self, const Value& share) {
     FunctionObject* fn = self.fn();
-    Value holders = at_least(fn, zero(), [&] { return subtract(self.get(Name::holders), one()); });
+    Builtin max(fn, Fact::max, Name::max);
+    Value holders = maximum(max, zero(), subtract(self.get(Name::holders), one()));
     self.set(Name::holders, holders);
     if (is_unbounded(fn, share)) {
-        self.set(Name::unbounded, at_least(fn, zero(), [&] { return subtract(self.get(Name::unbounded), one()); }));
+        Builtin max_again(fn, Fact::max, Name::max);
+        self.set(Name::unbounded, maximum(max_again, zero(), subtract(self.get(Name::unbounded), one())));
     } else {
+        Builtin max_again(fn, Fact::max, Name::max);
         Value held = self.get(Name::amount);
-        Value amount = at_least(fn, zero_float(fn), [&] { return subtract(held, share); });
+        Value amount = maximum(max_again, zero_float(fn), subtract(held, share));
         // Once nothing is held the statement below writes 0.0 over this. When the numbers were
         // machine numbers, `max` the standard one and the write would run no code, nothing can see
         // the value in between: the one write below stands for both.
         bool overwritten = holders.is_integer() && holders.integer() == 0 && held.is_real() &&
-                           (share.is_real() || share.is_integer()) && is_standard(fn, Fact::max) &&
-                           self.writes_quietly();
+                           (share.is_real() || share.is_integer()) && max_again.standard() && self.writes_quietly();
         if (!overwritten) {
             self.set(Name::amount, amount);
         }
@@ -445,9 +463,8 @@ Value wait_checks(FunctionObject* fn, const Value& stopping, const Value& deadli
                         "the daily cost cap");
         }
         // `min(_POLL_S, left)`: the wait never runs past the deadline.
-        timeout = call_builtin(
-            fn, Fact::min, Name::min, [&] { return std::tuple<Value, Value>{Value::own(global(fn, Name::_POLL_S)), left}; },
-            [](const Value& kept, const Value& other) { return smaller(kept, other); });
+        Builtin min(fn, Fact::min, Name::min);
+        timeout = minimum(min, Value::own(global(fn, Name::_POLL_S)), left);
     }
     return timeout;
 }

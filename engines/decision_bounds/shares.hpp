@@ -4,7 +4,6 @@
 // unbounded amount, calling a builtin as the code would.
 #pragma once
 
-#include <tuple>
 #include <utility>
 
 #include "condition.hpp"
@@ -36,18 +35,23 @@ inline Value zero_float(FunctionObject* fn) { return Value::borrow(state_of(fn).
 inline Value none_value() { return Value::other(none()); }
 inline Value false_value() { return Value::other(boolean(false)); }
 
-// A builtin called as the code calls it, `builtin(args...)`: the name looked up first, then the
-// arguments evaluated (`arguments()` gives them, as a tuple), then the call; `standard(args...)`
-// gives the result when the name is the standard builtin.
-template <typename Arguments, typename Standard>
-Value call_builtin(FunctionObject* fn, Fact fact, Name builtin, Arguments&& arguments, Standard&& standard) {
-    if (is_standard(fn, fact)) {
-        return std::apply(standard, arguments());
-    }
-    Ref function = global(fn, builtin);
-    return std::apply([&](const auto&... args) { return Value::own(call(function.get(), args.get()...)); },
-                      arguments());
-}
+// A builtin as the code reads it, before the call's arguments are evaluated: the standard one,
+// whose result the module gives itself, or whatever the namespace gives, called.
+class Builtin {
+public:
+    Builtin(FunctionObject* fn, Fact fact, Name builtin);
+    bool standard() const noexcept { return !object_; }
+    Value call() const;
+    Value call(const Value& argument) const;
+    Value call(const Value& first, const Value& second) const;
+
+private:
+    Ref object_;  // null when the standard one
+};
+
+// `max(kept, candidate)` and `min(kept, candidate)` with `max` and `min` as read.
+Value maximum(const Builtin& max, const Value& kept, const Value& candidate);
+Value minimum(const Builtin& min, const Value& kept, const Value& candidate);
 
 // `math.isinf(value)`, with `math` read from the namespace.
 bool is_unbounded(FunctionObject* fn, const Value& value);

@@ -4,12 +4,12 @@
 // is kept process-wide.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <iterator>
 #include <span>
 
 #include "function.hpp"
+#include "numbers.hpp"
 
 namespace decision_bounds {
 
@@ -106,6 +106,7 @@ struct KnownDict {
     Keys keys;                      // whether the dict holds the class's fields and nothing else
     unsigned short read;            // which fields have been read (a bit each)
     PyObject* fields[most_fields];  // each field read: its value as the dict holds it, or null: none
+    Number numbers[most_fields];    // and that value as a number
 };
 
 struct ModuleState {
@@ -117,7 +118,14 @@ struct ModuleState {
     Standard standard;
     Facts facts;
     SharePool shares;
-    KnownDict known[16];
+    // Per class, a few sets of two: the dicts of two objects used together (a budget and its
+    // `_Held`) never take each other's place, and two of one class rarely do.
+    struct KnownSet {
+        KnownDict ways[2];
+        unsigned char recent;  // the way used last
+    };
+    static constexpr int known_sets = 4;
+    KnownSet known[static_cast<int>(Own::count)][known_sets];
 };
 
 ModuleState& state_of(PyObject* module);
@@ -168,14 +176,18 @@ inline constexpr Name daily[] = {Name::_cap,  Name::_today, Name::_ledger, Name:
 inline constexpr std::span<const Name> of_class[] = {share, held, charges, rates, budget, daily};
 static_assert(std::size(of_class) == static_cast<size_t>(Own::count));
 
-using Places = std::array<std::array<signed char, static_cast<size_t>(Name::count)>, static_cast<size_t>(Own::count)>;
+struct Places {
+    signed char of[static_cast<size_t>(Own::count)][static_cast<size_t>(Name::count)];
+};
 
 constexpr Places make_places() {
     Places places{};
-    for (size_t cls = 0; cls < places.size(); ++cls) {
-        places[cls].fill(-1);
+    for (size_t cls = 0; cls < static_cast<size_t>(Own::count); ++cls) {
+        for (size_t key = 0; key < static_cast<size_t>(Name::count); ++key) {
+            places.of[cls][key] = -1;
+        }
         for (size_t i = 0; i < of_class[cls].size(); ++i) {
-            places[cls][static_cast<size_t>(of_class[cls][i])] = static_cast<signed char>(i);
+            places.of[cls][static_cast<size_t>(of_class[cls][i])] = static_cast<signed char>(i);
         }
     }
     return places;
@@ -187,7 +199,7 @@ inline constexpr Places places = make_places();
 
 // Where each field of each of the module's classes usually is in an instance's dict, or -1 for a
 // name that is no field of the class.
-inline int place_of(Own cls, Name key) { return fields::places[static_cast<size_t>(cls)][static_cast<size_t>(key)]; }
+inline int place_of(Own cls, Name key) { return fields::places.of[static_cast<size_t>(cls)][static_cast<size_t>(key)]; }
 // How many fields the class's instances have.
 inline Py_ssize_t field_count(Own cls) {
     return static_cast<Py_ssize_t>(fields::of_class[static_cast<size_t>(cls)].size());
