@@ -59,6 +59,10 @@ inline PyThreadState* finalizing_thread() {
     return __atomic_load_n(reinterpret_cast<PyThreadState* const*>(_PyRuntime + 3 * sizeof(void*)), __ATOMIC_RELAXED);
 }
 
+// The thread state running on this thread now, or null while the thread is detached (as while it
+// is unwound at exit): read from the interpreter's thread-local slot, never through the state.
+inline PyThreadState* current_thread() { return _PyThreadState_UncheckedGet(); }
+
 // At start-up, in a running interpreter: its five leading ints say initialized, and nothing finalizes.
 inline bool runtime_layout_is_known() {
     const int* flags = reinterpret_cast<const int*>(_PyRuntime);

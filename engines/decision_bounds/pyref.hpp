@@ -33,7 +33,7 @@ struct PythonError {};
 // thread's own state asked for; it is compared, never read through.)
 inline bool thread_is_attached() {
     PyThreadState* finalizing = cpython::finalizing_thread();
-    return finalizing == nullptr || finalizing == _PyThreadState_UncheckedGet();
+    return finalizing == nullptr || finalizing == cpython::current_thread();
 }
 
 // An owned (strong) reference, released when the handle goes.
