@@ -45,6 +45,9 @@ inline unsigned long long dict_version(PyObject* dict) {
 // only, since any other key makes it an ordinary one first.
 inline bool is_split(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values != nullptr; }
 
+// Whether an object lives for good (None, small ints, interned texts): letting go of it runs nothing.
+inline bool is_immortal(PyObject* object) { return _Py_IsImmortal(object); }
+
 // A class's version: any change to the class takes it away, and a new one is never an old one.
 inline bool assign_version(PyTypeObject* type) { return PyUnstable_Type_AssignVersionTag(type) != 0; }
 

@@ -172,7 +172,7 @@ void Record::set_slowly(Name field, PyObject* object) {
     // the module knew of the dict still holds afterwards, with this field new.
     bool plain = before != nullptr && (known_->keys == Keys::fields_only || cpython::is_split(dict_.get()));
     Ref old;
-    if (plain && !PyFloat_CheckExact(before) && !PyLong_CheckExact(before) && !_Py_IsImmortal(before)) {
+    if (plain && !PyFloat_CheckExact(before) && !PyLong_CheckExact(before) && !cpython::is_immortal(before)) {
         old = Ref::borrow(before);
     }
     KnownDict* known = known_;
