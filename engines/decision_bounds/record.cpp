@@ -222,10 +222,8 @@ Method::Method(Record& self, Name method) : fn_(self.fn()), cls_(self.cls()), me
 
 Method::Method(Method& earlier, const Value& object, Name method)
     : fn_(earlier.fn_), cls_(earlier.cls_), method_(method) {
-    Record* same = earlier.self_ != nullptr                                      ? earlier.self_
-                   : earlier.record_ && object.get() == earlier.object_.get() ? &*earlier.record_
-                                                                                : nullptr;
-    if (same != nullptr && same->finds_own(method)) {
+    Record* same = earlier.self_ != nullptr ? earlier.self_ : earlier.record_ ? &*earlier.record_ : nullptr;
+    if (same != nullptr && same->object() == object.get() && same->finds_own(method)) {
         self_ = same;
         return;
     }

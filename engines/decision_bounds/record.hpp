@@ -6,13 +6,14 @@
 // `__getattr__` can stand between an attribute and that dict, so fields are read and written
 // there; otherwise through the ordinary attribute calls.
 //
-// The record reads the dict once, all of it, and trusts what it read for as long as the object is
-// still of its class, with the same dict, and the dict's version is unchanged: whatever runs
-// between two uses (a callback, a lock wait that lets other threads in, a reply's property, a key's
-// `__eq__`) and changes the object shows in one of those, and the record reads again. Its own
-// writes keep what it read current only when they cannot have run code: every key of the dict is an
-// exact `str` (so no lookup calls `__eq__`) and it holds the old value through the write (so no
-// finalizer runs inside it).
+// A field is read at the place where the class's code stores it when first asked for, and what was
+// read (the object, and the number it is) is trusted for as long as the object is still of its
+// class, with the same dict, and the dict's version is unchanged: whatever runs between two uses (a
+// callback, a lock wait that lets other threads in, a reply's property, a key's `__eq__`) and
+// changes the object shows in one of those, and the record reads again. What was read is kept in the
+// module state (`KnownDict`), so the next record of the same object starts from it. A write keeps it
+// current only when the write cannot have run code: every key of the dict is an exact `str` (so no
+// lookup calls `__eq__`) and the old value is held through the write (so no finalizer runs inside it).
 #pragma once
 
 #include <optional>
