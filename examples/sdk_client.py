@@ -41,9 +41,10 @@ from engines import decision_bounds as db
 class Price(NamedTuple):
     input: float  # USD per million input tokens
     output: float  # USD per million output tokens
+    cached_input: float  # USD per million input tokens read from the endpoint's prompt cache
 
 
-PRICES: dict[str, Price] = {"small": Price(0.15, 0.60), "large": Price(2.50, 10.00)}
+PRICES: dict[str, Price] = {"small": Price(0.15, 0.60, 0.075), "large": Price(2.50, 10.00, 1.25)}
 # The model each feature asks.
 MODELS: dict[str, str] = {"classify": "small", "extract": "small", "summarize": "large"}
 MAX_OUTPUT = 1024  # max_completion_tokens of every request
@@ -68,22 +69,19 @@ class Reply:
     cost: float  # USD
 
 
-CACHE_HIT = Reply(cached=True, input_tokens=0, cost=0.0)
-
-
 def reply_of(model: str, completion: ChatCompletion) -> Reply:
-    """Prices a completion by the client's own table; a prompt read whole from the endpoint's
-    cache is a cache hit, which costs nothing."""
+    """Prices a completion by the client's own table. It came from the endpoint, so it is paid,
+    even when the endpoint's prompt cache read part or all of its prompt: those tokens cost the
+    cached-input price instead of the input price."""
     usage = completion.usage
     if usage is None:
         raise ValueError(f"completion {completion.id} has no usage: it cannot be priced")
     details = usage.prompt_tokens_details
-    cached = (details.cached_tokens or 0) if details is not None else 0
-    if usage.prompt_tokens > 0 and cached >= usage.prompt_tokens:
-        return CACHE_HIT
-    # A partly cached prompt is priced in full: the client never counts less than it may pay.
+    # No more cached tokens than the prompt has: the client never counts less than it may pay.
+    cached = min(max((details.cached_tokens or 0) if details is not None else 0, 0), usage.prompt_tokens)
     price = PRICES[model]
-    cost = (usage.prompt_tokens * price.input + usage.completion_tokens * price.output) / 1e6
+    prompt = (usage.prompt_tokens - cached) * price.input + cached * price.cached_input
+    cost = (prompt + usage.completion_tokens * price.output) / 1e6
     return Reply(cached=False, input_tokens=usage.prompt_tokens, cost=cost)
 
 
@@ -170,7 +168,6 @@ class Ledger:
 
 class Outcome(enum.Enum):
     ANSWERED = "answered"
-    CACHE_HIT = "cache hit"
     TIMED_OUT = "timed out"  # sent, not read, billed
     REFUSED = "refused"  # the endpoint answered with an error: nothing billed
 
@@ -279,7 +276,7 @@ class DecisionClient:
             if attempt > 1:
                 time.sleep(self.backoff * 2 ** (attempt - 2))
             outcome = self._attempt(sdk, budget, ask, f"{ask.key}.{attempt}")
-            if outcome in (Outcome.ANSWERED, Outcome.CACHE_HIT):
+            if outcome is Outcome.ANSWERED:
                 return outcome
         self._gave_up()
         raise db.DecisionUnavailable(f"{ask.key}: no answer in {self.attempts} attempts")
@@ -303,8 +300,6 @@ class DecisionClient:
                     # taken for a request that never left: leaving the blocks gives both shares back.
                     return self._count(Outcome.REFUSED)
                 outcome = self._conclude(ask, attempt, holding, tokens, day_share, pass_share, completion)
-        if outcome is Outcome.CACHE_HIT:
-            budget.charge(CACHE_HIT)
         return self._count(outcome)
 
     # A batch pass, from asyncio tasks.
@@ -339,7 +334,7 @@ class DecisionClient:
             if attempt > 1:
                 await asyncio.sleep(self.backoff * 2 ** (attempt - 2))
             outcome = await self._attempt_async(sdk, budget, ask, f"{ask.key}.{attempt}")
-            if outcome in (Outcome.ANSWERED, Outcome.CACHE_HIT):
+            if outcome is Outcome.ANSWERED:
                 return outcome
         self._gave_up()
         raise db.DecisionUnavailable(f"{ask.key}: no answer in {self.attempts} attempts")
@@ -368,8 +363,6 @@ class DecisionClient:
                     self._conclude(ask, attempt, holding, tokens, day_share, pass_share, None)
                     raise
                 outcome = self._conclude(ask, attempt, holding, tokens, day_share, pass_share, completion)
-        if outcome is Outcome.CACHE_HIT:
-            budget.charge(CACHE_HIT)
         return self._count(outcome)
 
     # What both paths share.
@@ -407,10 +400,6 @@ class DecisionClient:
         except ValueError:
             self._conclude(ask, attempt, holding, tokens, day_share, pass_share, None)  # paid, whatever it cost
             raise
-        if reply.cached:
-            # It holds and costs nothing: both shares go back unsettled as their blocks end, and the
-            # pass counts the hit alone (settling a pass's share with it would keep its slot in flight).
-            return Outcome.CACHE_HIT
         self.rates.learn(ask.size, ask.feature, reply)  # first: calls admitted after it hold its cost
         with self._lock:
             self.most_paid = max(self.most_paid, reply.cost)
@@ -499,8 +488,8 @@ def main(argv: Sequence[str] | None = None) -> int:
         stats = endpoint.stats()
         spent = client.daily.spent()
     print(
-        f"endpoint: {stats.received} requests, {stats.cache_hits} cache hits, {stats.paid} paid,"
-        f" ${stats.billed:.4f} billed"
+        f"endpoint: {stats.received} requests, {len(stats.bills)} billed, {stats.prompt_cached} of them"
+        f" partly or wholly from its prompt cache, ${stats.billed:.4f} in all"
     )
     tally = ", ".join(f"{outcome.value} {count}" for outcome, count in client.outcomes.items())
     print(f"pass: {budget.summary()}; attempts: {tally}; asks given up {client.gave_up}")
