@@ -2,15 +2,16 @@
 
 It speaks enough of `POST /v1/chat/completions` for the `openai` SDK: a JSON reply with `id`,
 `object`, `created`, `model`, `choices` and a `usage` block, `prompt_tokens_details.cached_tokens`
-telling a cache hit. It bills each request the moment it reads it, whether or not the client waits
-for the answer: a client that timed out has still paid. Some replies come from its cache (all of the
-prompt's tokens cached, billed nothing), and some are so slow that any sensible client gives up on
-them first.
+telling how many of the prompt's tokens its prompt cache read. It bills each request the moment it
+reads it, whether or not the client waits for the answer: a client that timed out has still paid.
+Some prompts are read partly or wholly from its prompt cache, whose tokens it bills at the lower
+cached-input price (a request it read is never free), and some replies are so slow that any sensible
+client gives up on them first.
 
 What happens to a request is drawn from a random generator seeded with the endpoint's seed and the
 request's `X-Client-Request-Id` header (or its rank when it has none), so a run with the same
-requests sees the same latencies, slow replies, cache hits and answer lengths in whatever order the
-threads send them. Standard library only; start it in a thread with `FakeEndpoint(...).start()` or
+requests sees the same latencies, slow replies, cached prompt tokens and answer lengths in whatever
+order the threads send them. Standard library only; start it in a thread with `FakeEndpoint(...).start()` or
 as a `with` block, and read what it counted with `stats()`.
 """
 
@@ -29,8 +30,8 @@ import time
 from collections.abc import Mapping
 from typing import Any
 
-# USD per million input and output tokens, by model: what the endpoint bills by default.
-PRICES: Mapping[str, tuple[float, float]] = {"small": (0.15, 0.60), "large": (2.50, 10.00)}
+# USD per million input, output and cached input tokens, by model: what the endpoint bills by default.
+PRICES: Mapping[str, tuple[float, float, float]] = {"small": (0.15, 0.60, 0.075), "large": (2.50, 10.00, 1.25)}
 # Tokens a message costs beside its text, as chat endpoints count them.
 MESSAGE_TOKENS = 4
 
@@ -49,9 +50,9 @@ class Bill:
     model: str
     prompt_tokens: int
     completion_tokens: int
-    cached: bool
+    cached_tokens: int  # of the prompt's, read from the prompt cache
     slow: bool
-    cost: float  # USD; nothing for a cache hit
+    cost: float  # USD, the cached tokens at the cached-input price
 
 
 @dataclasses.dataclass(frozen=True)
@@ -61,13 +62,9 @@ class Stats:
     bills: tuple[Bill, ...]  # one for each request it accepted, in the order it read them
 
     @property
-    def cache_hits(self) -> int:
-        return sum(bill.cached for bill in self.bills)
-
-    @property
-    def paid(self) -> int:
-        """Requests billed for tokens: all accepted ones but the cache hits."""
-        return sum(not bill.cached for bill in self.bills)
+    def prompt_cached(self) -> int:
+        """Billed requests whose prompt the prompt cache read, in part or whole."""
+        return sum(bill.cached_tokens > 0 for bill in self.bills)
 
     @property
     def billed(self) -> float:
@@ -84,11 +81,11 @@ class FakeEndpoint:
         self,
         *,
         seed: int = 0,
-        prices: Mapping[str, tuple[float, float]] = PRICES,
+        prices: Mapping[str, tuple[float, float, float]] = PRICES,
         latency: tuple[float, float] = (0.002, 0.02),
         slow_rate: float = 0.1,
         slow_s: float = 5.0,
-        cache_rate: float = 0.1,
+        cache_rate: float = 0.2,
         refusing: bool = False,
         port: int = 0,
     ) -> None:
@@ -153,14 +150,17 @@ class FakeEndpoint:
         """Decides what happens to a request and bills it; gives the bill and the reply's delay."""
         rng = random.Random(f"{self.seed}/{request_id}")
         slow = rng.random() < self.slow_rate
-        cached = not slow and rng.random() < self.cache_rate  # a cache answers at once
+        prompt_cached = rng.random() < self.cache_rate
         completion = rng.randint(20, 200)
         if rng.random() < 0.05:
             completion = rng.randint(600, 1000)  # a long answer: a few replies cost far more
         completion = min(completion, max_tokens)
         prompt = prompt_tokens(messages)
-        price_in, price_out = self.prices[model]
-        cost = 0.0 if cached else (prompt * price_in + completion * price_out) / 1e6
+        cached = 0
+        if prompt_cached:  # the cache holds a leading part of the prompt, at times all of it
+            cached = prompt if prompt < 2 or rng.random() < 0.5 else rng.randint(1, prompt - 1)
+        price_in, price_out, price_cached = self.prices[model]
+        cost = ((prompt - cached) * price_in + cached * price_cached + completion * price_out) / 1e6
         bill = Bill(request_id, model, prompt, completion, cached, slow, cost)
         with self._lock:
             self._bills.append(bill)
@@ -231,7 +231,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
                 "prompt_tokens": bill.prompt_tokens,
                 "completion_tokens": bill.completion_tokens,
                 "total_tokens": bill.prompt_tokens + bill.completion_tokens,
-                "prompt_tokens_details": {"cached_tokens": bill.prompt_tokens if bill.cached else 0},
+                "prompt_tokens_details": {"cached_tokens": bill.cached_tokens},
                 "completion_tokens_details": {"reasoning_tokens": 0},
             },
         })

@@ -5,7 +5,9 @@ from asyncio tasks (`openai.AsyncOpenAI`), each paid call bounded by the pass's 
 day's `DailySpend`. The SDK's own retries are off: an attempt that reaches the endpoint must hold its
 shares, so the client retries by itself, each attempt with shares of its own. An attempt that timed
 out was still billed, so its shares are settled with a reply standing for what they held, and it is
-recorded in the SQLite ledger like any paid reply.
+recorded in the SQLite ledger like any paid reply. An ask made again is answered from the client's
+own cache of paid answers, before any share is held: it never reaches the endpoint and the pass
+counts it as a cache hit alone.
 
 `python examples/sdk_client.py` runs one pass against the fake endpoint of `fake_endpoint.py` on
 127.0.0.1 and says whether the day kept within what the bounds promise; `--help` lists the options.
@@ -41,9 +43,10 @@ from engines import decision_bounds as db
 class Price(NamedTuple):
     input: float  # USD per million input tokens
     output: float  # USD per million output tokens
+    cached_input: float  # USD per million input tokens read from the endpoint's prompt cache
 
 
-PRICES: dict[str, Price] = {"small": Price(0.15, 0.60), "large": Price(2.50, 10.00)}
+PRICES: dict[str, Price] = {"small": Price(0.15, 0.60, 0.075), "large": Price(2.50, 10.00, 1.25)}
 # The model each feature asks.
 MODELS: dict[str, str] = {"classify": "small", "extract": "small", "summarize": "large"}
 MAX_OUTPUT = 1024  # max_completion_tokens of every request
@@ -68,22 +71,23 @@ class Reply:
     cost: float  # USD
 
 
-CACHE_HIT = Reply(cached=True, input_tokens=0, cost=0.0)
+# An answer from the client's own cache: no request was sent, so it holds nothing and costs nothing.
+CACHED_REPLY = Reply(cached=True, input_tokens=0, cost=0.0)
 
 
 def reply_of(model: str, completion: ChatCompletion) -> Reply:
-    """Prices a completion by the client's own table; a prompt read whole from the endpoint's
-    cache is a cache hit, which costs nothing."""
+    """Prices a completion by the client's own table. It came from the endpoint, so it is paid,
+    even when the endpoint's prompt cache read part or all of its prompt: those tokens cost the
+    cached-input price instead of the input price."""
     usage = completion.usage
     if usage is None:
         raise ValueError(f"completion {completion.id} has no usage: it cannot be priced")
     details = usage.prompt_tokens_details
-    cached = (details.cached_tokens or 0) if details is not None else 0
-    if usage.prompt_tokens > 0 and cached >= usage.prompt_tokens:
-        return CACHE_HIT
-    # A partly cached prompt is priced in full: the client never counts less than it may pay.
+    # No more cached tokens than the prompt has: the client never counts less than it may pay.
+    cached = min(max((details.cached_tokens or 0) if details is not None else 0, 0), usage.prompt_tokens)
     price = PRICES[model]
-    cost = (usage.prompt_tokens * price.input + usage.completion_tokens * price.output) / 1e6
+    prompt = (usage.prompt_tokens - cached) * price.input + cached * price.cached_input
+    cost = (prompt + usage.completion_tokens * price.output) / 1e6
     return Reply(cached=False, input_tokens=usage.prompt_tokens, cost=cost)
 
 
@@ -97,6 +101,11 @@ class Ask:
 
     def messages(self) -> list[ChatCompletionMessageParam]:
         return [{"role": "system", "content": SYSTEM}, {"role": "user", "content": self.prompt}]
+
+    @property
+    def request(self) -> tuple[str, str, str]:
+        """What the endpoint is asked, its model and its messages: the key of the client's cache."""
+        return MODELS[self.feature], SYSTEM, self.prompt
 
     @property
     def size(self) -> int:
@@ -116,12 +125,18 @@ class Ask:
 WORDS = "supplier price delivery contract risk region volume quality margin order terms".split()
 
 
-def make_asks(count: int, seed: int) -> list[Ask]:
+def make_asks(count: int, seed: int, repeat_rate: float = 0.25) -> list[Ask]:
+    """``count`` asks, about ``repeat_rate`` of them asking again what an earlier one asked."""
     rng = random.Random(seed)
-    return [
-        Ask(f"ask{i:04d}", rng.choice(tuple(MODELS)), " ".join(rng.choices(WORDS, k=rng.randint(60, 600))))
-        for i in range(count)
-    ]
+    asks: list[Ask] = []
+    for i in range(count):
+        if asks and rng.random() < repeat_rate:
+            earlier = rng.choice(asks)
+            asks.append(Ask(f"ask{i:04d}", earlier.feature, earlier.prompt))
+        else:
+            prompt = " ".join(rng.choices(WORDS, k=rng.randint(60, 600)))
+            asks.append(Ask(f"ask{i:04d}", rng.choice(tuple(MODELS)), prompt))
+    return asks
 
 
 # The ledger ---------------------------------------------------------------------------------------
@@ -169,8 +184,8 @@ class Ledger:
 
 
 class Outcome(enum.Enum):
+    CACHE_HIT = "from the cache"  # asked before and answered: nothing held, nothing sent
     ANSWERED = "answered"
-    CACHE_HIT = "cache hit"
     TIMED_OUT = "timed out"  # sent, not read, billed
     REFUSED = "refused"  # the endpoint answered with an error: nothing billed
 
@@ -231,6 +246,7 @@ class DecisionClient:
         self._lock = threading.Lock()
         self.settled: list[Settled] = []
         self.outcomes: dict[Outcome, int] = dict.fromkeys(Outcome, 0)
+        self.answers: dict[tuple[str, str, str], str] = {}  # the client's cache: paid answers by request
         self.gave_up = 0  # asks that no attempt got an answer for
 
     def _today(self) -> str:
@@ -274,12 +290,15 @@ class DecisionClient:
                 done.result()  # a worker's unexpected error comes out here
 
     def ask(self, sdk: openai.OpenAI, budget: db.RunBudget, ask: Ask) -> Outcome:
-        """One ask, attempted until answered; `DecisionUnavailable` once every attempt failed."""
+        """One ask, answered from the cache or attempted until answered; `DecisionUnavailable` once
+        every attempt failed."""
+        if self._from_cache(budget, ask):
+            return Outcome.CACHE_HIT
         for attempt in range(1, self.attempts + 1):
             if attempt > 1:
                 time.sleep(self.backoff * 2 ** (attempt - 2))
             outcome = self._attempt(sdk, budget, ask, f"{ask.key}.{attempt}")
-            if outcome in (Outcome.ANSWERED, Outcome.CACHE_HIT):
+            if outcome is Outcome.ANSWERED:
                 return outcome
         self._gave_up()
         raise db.DecisionUnavailable(f"{ask.key}: no answer in {self.attempts} attempts")
@@ -303,8 +322,6 @@ class DecisionClient:
                     # taken for a request that never left: leaving the blocks gives both shares back.
                     return self._count(Outcome.REFUSED)
                 outcome = self._conclude(ask, attempt, holding, tokens, day_share, pass_share, completion)
-        if outcome is Outcome.CACHE_HIT:
-            budget.charge(CACHE_HIT)
         return self._count(outcome)
 
     # A batch pass, from asyncio tasks.
@@ -335,11 +352,13 @@ class DecisionClient:
 
     async def ask_async(self, sdk: openai.AsyncOpenAI, budget: db.RunBudget, ask: Ask) -> Outcome:
         """`ask`, awaited."""
+        if self._from_cache(budget, ask):
+            return Outcome.CACHE_HIT
         for attempt in range(1, self.attempts + 1):
             if attempt > 1:
                 await asyncio.sleep(self.backoff * 2 ** (attempt - 2))
             outcome = await self._attempt_async(sdk, budget, ask, f"{ask.key}.{attempt}")
-            if outcome in (Outcome.ANSWERED, Outcome.CACHE_HIT):
+            if outcome is Outcome.ANSWERED:
                 return outcome
         self._gave_up()
         raise db.DecisionUnavailable(f"{ask.key}: no answer in {self.attempts} attempts")
@@ -368,11 +387,20 @@ class DecisionClient:
                     self._conclude(ask, attempt, holding, tokens, day_share, pass_share, None)
                     raise
                 outcome = self._conclude(ask, attempt, holding, tokens, day_share, pass_share, completion)
-        if outcome is Outcome.CACHE_HIT:
-            budget.charge(CACHE_HIT)
         return self._count(outcome)
 
     # What both paths share.
+
+    def _from_cache(self, budget: db.RunBudget, ask: Ask) -> bool:
+        """Answers an ask from the client's cache if it was answered before. Looked up before any
+        hold: the answer holds nothing, so the pass counts it by `charge` alone (a share settled
+        with it would keep its call slot in flight for good)."""
+        with self._lock:
+            hit = ask.request in self.answers
+        if hit:
+            budget.charge(CACHED_REPLY)
+            self._count(Outcome.CACHE_HIT)
+        return hit
 
     def _next_unknown(self, pending: Sequence[Ask]) -> Ask | None:
         """The first ask whose feature's cost is not known yet.
@@ -407,14 +435,15 @@ class DecisionClient:
         except ValueError:
             self._conclude(ask, attempt, holding, tokens, day_share, pass_share, None)  # paid, whatever it cost
             raise
-        if reply.cached:
-            # It holds and costs nothing: both shares go back unsettled as their blocks end, and the
-            # pass counts the hit alone (settling a pass's share with it would keep its slot in flight).
-            return Outcome.CACHE_HIT
         self.rates.learn(ask.size, ask.feature, reply)  # first: calls admitted after it hold its cost
         with self._lock:
             self.most_paid = max(self.most_paid, reply.cost)
         self._settle(ask, attempt, holding, reply, day_share, pass_share, answered=True)
+        # Only a paid answer that was read fills the cache: what a timed-out attempt got is unknown.
+        answer = completion.choices[0].message.content if completion.choices else None
+        if answer is not None:
+            with self._lock:
+                self.answers[ask.request] = answer
         return Outcome.ANSWERED
 
     def _settle(
@@ -499,11 +528,11 @@ def main(argv: Sequence[str] | None = None) -> int:
         stats = endpoint.stats()
         spent = client.daily.spent()
     print(
-        f"endpoint: {stats.received} requests, {stats.cache_hits} cache hits, {stats.paid} paid,"
-        f" ${stats.billed:.4f} billed"
+        f"endpoint: {stats.received} requests, {len(stats.bills)} billed, {stats.prompt_cached} of them"
+        f" partly or wholly from its prompt cache, ${stats.billed:.4f} in all"
     )
     tally = ", ".join(f"{outcome.value} {count}" for outcome, count in client.outcomes.items())
-    print(f"pass: {budget.summary()}; attempts: {tally}; asks given up {client.gave_up}")
+    print(f"pass: {budget.summary()}; asks and attempts: {tally}; asks given up {client.gave_up}")
     past, allowed = overshoot(spent, options.cap, client.settled)
     held = past <= allowed + 1e-12
     print(

@@ -1,7 +1,8 @@
 """The OpenAI SDK decision client (examples/sdk_client.py) against its fake endpoint, from threads and
-from asyncio tasks, with slow replies that time out, retries and cache hits: no more paid requests
-reach the endpoint than the pass allows, every billed attempt is in the ledger, and the day passes
-its cap by no more than the bounds promise."""
+from asyncio tasks, with slow replies that time out, retries, asks answered from the client's cache
+and prompts read from the endpoint's prompt cache: no more requests reach the endpoint than the pass
+allows, every billed attempt is in the ledger at what it was billed, and the day passes its cap by no
+more than the bounds promise."""
 
 import asyncio
 import sqlite3
@@ -95,19 +96,18 @@ def today_rows(path):
 def test_paid_requests_stay_within_the_pass_and_the_day(runner, ledger, tmp_path, bound):
     cap, max_calls = (100.0, 24) if bound == "calls" else (0.03, 500)
     # With these seeds the pass's very first call (of no known cost or tokens) times out and is
-    # retried, and cache hits come among the first asks, whichever thread sends them.
+    # retried, and repeated asks and prompt-cached replies come among the first asks, whichever
+    # thread sends them.
     with fake_endpoint.FakeEndpoint(seed=25, prices=sdk_client.PRICES) as endpoint:
         client, budget = run_pass(runner, ledger, endpoint, asks=120, cap=cap, max_calls=max_calls)
         stats = endpoint.stats()
 
-    # Each request that reached the endpoint held a call slot; a cache hit gave its slot back and
-    # was counted as one; a timed-out attempt kept its slot.
-    assert stats.received == budget.calls + budget.cache_hits and budget.in_flight == 0
-    assert stats.received - budget.cache_hits <= max_calls
-    # Timeouts, retries and cache hits were in play.
+    # Each request that reached the endpoint held a call slot and was settled, a timed-out one too.
+    assert stats.received <= max_calls and stats.received == budget.calls and budget.in_flight == 0
+    # Timeouts, retries and the client's cache were in play.
     bills = {bill.request_id: bill for bill in stats.bills}
-    assert any(bill.slow for bill in bills.values()) and budget.cache_hits > 0
-    assert any(attempt.endswith(".2") for attempt in bills)
+    assert any(bill.slow for bill in bills.values()) and any(attempt.endswith(".2") for attempt in bills)
+    assert budget.cache_hits == client.outcomes[sdk_client.Outcome.CACHE_HIT] > 0
 
     # Every settled attempt is in the ledger once, and every attempt the endpoint billed is there:
     # an answered one at what the endpoint billed, a timed-out one as not answered.
@@ -123,7 +123,16 @@ def test_paid_requests_stay_within_the_pass_and_the_day(runner, ledger, tmp_path
     first = bills["ask0000.1"]
     assert first.slow and dict((a, cost) for a, cost, _ in rows)["ask0000.1"] >= first.cost
     recorded = {attempt for attempt, _, _ in rows}
-    assert {bill.request_id for bill in bills.values() if not bill.cached} <= recorded
+    assert set(bills) == recorded
+    # The client's cache holds the answers it was paid for and read, and nothing a timed-out attempt sent.
+    requests = {ask.key: ask.request for ask in sdk_client.make_asks(120, seed=11)}
+    assert set(client.answers) == {requests[a.split(".")[0]] for a, _, answered in rows if answered}
+    # A prompt read from the endpoint's prompt cache was paid, at less than the full input price.
+    discounted = [bills[a] for a, _, answered in rows if answered and bills[a].cached_tokens]
+    prices = [sdk_client.PRICES[bill.model] for bill in discounted]
+    assert discounted and all(
+        b.cost < (b.prompt_tokens * p.input + b.completion_tokens * p.output) / 1e6 for b, p in zip(discounted, prices)
+    )
     assert {bill.request_id for bill in bills.values() if bill.slow} <= {a for a, _, answered in rows if not answered}
 
     # The account, the ledger and the client's own records agree; the day started from the ledger.
