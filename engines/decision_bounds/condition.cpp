@@ -100,11 +100,16 @@ Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(m
     PyObject* object = manager_.get();
     PyTypeObject* type = Py_TYPE(object);
     PyCFunctionWithKeywords acquire = nullptr;
+    bool (*take)(PyObject*) = nullptr;
     if (type == standard.lock_type && type != nullptr) {
         // Its class cannot change: its `__enter__` and `__exit__` are its C `acquire` and `release`.
         lock_ = manager_;
         acquire = standard.lock_acquire;
         release_ = standard.lock_release;
+        if (standard.lock_laid_out) {
+            take = cpython::lock_take;
+            give_ = cpython::lock_give;
+        }
     } else if (standard_condition(state, type)) {
         // The class's `__enter__` and `__exit__` pass on to its lock's own.
         PyObject* dict = instance_dict(object);
@@ -113,11 +118,18 @@ Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(m
             lock_ = Ref::borrow(lock);
             acquire = standard.rlock_acquire;
             release_ = standard.rlock_release;
+            if (standard.rlock_laid_out) {
+                take = cpython::rlock_take;
+                give_ = cpython::rlock_give;
+            }
         }
     }
     if (lock_) {
-        // Waits with the interpreter lock released, as the method does.
-        own(acquire(lock_.get(), standard.empty_tuple, nullptr));
+        // A lock that is free (or this thread's) is taken at once; otherwise its method waits, with
+        // the interpreter lock released.
+        if (take == nullptr || !take(lock_.get())) {
+            own(acquire(lock_.get(), standard.empty_tuple, nullptr));
+        }
         entered_ = true;
         return;
     }
@@ -144,6 +156,10 @@ Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(m
 
 bool Entered::release_directly() {
     entered_ = false;
+    if (give_ != nullptr && give_(lock_.get())) {
+        return true;
+    }
+    // Not this thread's to release: the method says so.
     Ref done = Ref::steal(release_(lock_.get(), nullptr));
     return static_cast<bool>(done);
 }
@@ -237,8 +253,11 @@ void notify_all(FunctionObject* fn, const Value& condition) {
                 PyCFunction_GET_FUNCTION(is_owned) == standard.rlock_is_owned &&
                 Py_TYPE(PyCFunction_GET_SELF(is_owned)) == standard.rlock_type) {
                 Ref lock = Ref::borrow(PyCFunction_GET_SELF(is_owned));
-                Ref owned = own(standard.rlock_is_owned(lock.get(), nullptr));
-                if (owned.get() == Py_True) {
+                if (standard.rlock_laid_out) {
+                    if (cpython::rlock_is_mine(lock.get())) {
+                        return;
+                    }
+                } else if (own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True) {
                     return;
                 }
             }
@@ -246,6 +265,52 @@ void notify_all(FunctionObject* fn, const Value& condition) {
     }
     call_method(object, name(state, Name::notify_all));
 }
+
+namespace {
+
+// Whether the C lock of a `_thread` lock is held now (a try to take it fails), leaving it as it was.
+bool c_lock_held(PyThread_type_lock lock) {
+    if (PyThread_acquire_lock_timed(lock, 0, 0) != PY_LOCK_ACQUIRED) {
+        return true;
+    }
+    PyThread_release_lock(lock);
+    return false;
+}
+
+// Whether a reentrant lock made now keeps its C lock, owner and depth where `cpython::RLockObject`
+// says, as its own methods set them.
+bool rlock_is_laid_out(const Standard& standard) {
+    PyTypeObject* type = standard.rlock_type;
+    if (type->tp_basicsize != sizeof(cpython::RLockObject)) {
+        return false;
+    }
+    Ref lock = call(reinterpret_cast<PyObject*>(type));
+    const auto* fields = reinterpret_cast<const cpython::RLockObject*>(lock.get());
+    unsigned long me = PyThread_get_thread_ident();
+    bool fresh = fields->lock != nullptr && fields->count == 0 && !c_lock_held(fields->lock);
+    own(standard.rlock_acquire(lock.get(), standard.empty_tuple, nullptr));
+    own(standard.rlock_acquire(lock.get(), standard.empty_tuple, nullptr));
+    bool twice = fresh && fields->count == 2 && fields->owner == me && c_lock_held(fields->lock);
+    own(standard.rlock_release(lock.get(), nullptr));
+    bool once = twice && fields->count == 1 && fields->owner == me && c_lock_held(fields->lock);
+    own(standard.rlock_release(lock.get(), nullptr));
+    return once && fields->count == 0 && fields->owner == 0 && !c_lock_held(fields->lock);
+}
+
+// The same for the plain lock and `cpython::LockObject`.
+bool lock_is_laid_out(const Standard& standard, PyObject* lock) {
+    if (Py_TYPE(lock)->tp_basicsize != sizeof(cpython::LockObject)) {
+        return false;
+    }
+    const auto* fields = reinterpret_cast<const cpython::LockObject*>(lock);
+    bool fresh = fields->lock != nullptr && fields->locked == 0 && !c_lock_held(fields->lock);
+    own(standard.lock_acquire(lock, standard.empty_tuple, nullptr));
+    bool taken = fresh && fields->locked == 1 && c_lock_held(fields->lock);
+    own(standard.lock_release(lock, nullptr));
+    return taken && fields->locked == 0 && !c_lock_held(fields->lock);
+}
+
+}  // namespace
 
 void find_standard_locks(PyObject* module) {
     Standard& standard = state_of(module).standard;
@@ -273,6 +338,7 @@ void find_standard_locks(PyObject* module) {
             standard.condition_type = reinterpret_cast<PyTypeObject*>(condition.release());
             standard.deque_type = reinterpret_cast<PyTypeObject*>(deque.release());
             standard.rlock_type = reinterpret_cast<PyTypeObject*>(rlock.release());
+            standard.rlock_laid_out = rlock_is_laid_out(standard);
         }
     }
     Ref plain = call(attribute(thread.get(), "allocate_lock").get());
@@ -282,6 +348,7 @@ void find_standard_locks(PyObject* module) {
         standard.lock_release = c_function(lock_type, "release", METH_NOARGS);
         if (standard.lock_acquire && standard.lock_release) {
             standard.lock_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(lock_type));
+            standard.lock_laid_out = lock_is_laid_out(standard, plain.get());
         }
     }
 }

@@ -7,7 +7,8 @@
 //
 // For the standard `threading.Condition` over its default reentrant lock (its class unchanged since
 // start-up) and for the standard `threading.Lock`, whose `__enter__` and `__exit__` only take and
-// release a C lock and never suppress, the block takes and releases that lock by its C functions.
+// release a C lock and never suppress, the block takes and releases that lock by its C functions
+// (or, when the lock is free, by its fields, as those functions would).
 #pragma once
 
 
@@ -41,6 +42,7 @@ private:
     Ref exit_;                  // the bound `__exit__`, unless the lock is taken directly
     Ref lock_;                  // the C lock taken directly, or null
     PyCFunction release_ = nullptr;
+    bool (*give_)(PyObject*) = nullptr;  // its release without a call, when the module knows the lock's layout
     bool entered_ = false;
 };
 

@@ -51,6 +51,79 @@ inline bool is_immortal(PyObject* object) { return _Py_IsImmortal(object); }
 // A class's version: any change to the class takes it away, and a new one is never an old one.
 inline bool assign_version(PyTypeObject* type) { return PyUnstable_Type_AssignVersionTag(type) != 0; }
 
+// The locks of `_thread` as 3.12 lays them out: the C lock, and for the reentrant lock its owner
+// and depth. Taking one that is free, or is this thread's already, then needs no call and no
+// argument parsing; waiting for one is left to its own method, which lets go of the interpreter
+// lock while it waits. Start-up checks each layout on a lock of its own before any is used so.
+struct RLockObject {
+    PyObject_HEAD
+    PyThread_type_lock lock;
+    unsigned long owner;
+    unsigned long count;
+    PyObject* weakrefs;
+};
+struct LockObject {
+    PyObject_HEAD
+    PyThread_type_lock lock;
+    PyObject* weakrefs;
+    char locked;
+};
+
+// What `RLock.acquire()` does when it need not wait: true when it took the lock.
+inline bool rlock_take(PyObject* object) {
+    auto* rlock = reinterpret_cast<RLockObject*>(object);
+    unsigned long me = PyThread_get_thread_ident();
+    if (rlock->count > 0 && rlock->owner == me) {
+        if (rlock->count + 1 == 0) {
+            return false;  // the method raises for that
+        }
+        ++rlock->count;
+        return true;
+    }
+    if (PyThread_acquire_lock_timed(rlock->lock, 0, 0) != PY_LOCK_ACQUIRED) {
+        return false;
+    }
+    rlock->owner = me;
+    rlock->count = 1;
+    return true;
+}
+// What `RLock.release()` does when this thread holds the lock: false when it does not (the method
+// raises for that).
+inline bool rlock_give(PyObject* object) {
+    auto* rlock = reinterpret_cast<RLockObject*>(object);
+    if (rlock->count == 0 || rlock->owner != PyThread_get_thread_ident()) {
+        return false;
+    }
+    if (--rlock->count == 0) {
+        rlock->owner = 0;
+        PyThread_release_lock(rlock->lock);
+    }
+    return true;
+}
+// `RLock._is_owned()`.
+inline bool rlock_is_mine(PyObject* object) {
+    auto* rlock = reinterpret_cast<RLockObject*>(object);
+    return rlock->count > 0 && rlock->owner == PyThread_get_thread_ident();
+}
+// `Lock.acquire()` when the lock is free, and `Lock.release()` when it is held.
+inline bool lock_take(PyObject* object) {
+    auto* lock = reinterpret_cast<LockObject*>(object);
+    if (PyThread_acquire_lock_timed(lock->lock, 0, 0) != PY_LOCK_ACQUIRED) {
+        return false;
+    }
+    lock->locked = 1;
+    return true;
+}
+inline bool lock_give(PyObject* object) {
+    auto* lock = reinterpret_cast<LockObject*>(object);
+    if (lock->locked == 0) {
+        return false;
+    }
+    lock->locked = 0;
+    PyThread_release_lock(lock->lock);
+    return true;
+}
+
 // The interpreter's runtime, for one word of it: the thread that finalizes the runtime, once that
 // has begun. At exit the interpreter ends every other thread that asks for the interpreter lock by
 // unwinding it from inside that request, and may have freed that thread's state already, so the

@@ -72,8 +72,10 @@ void clear_state(ModuleState& state) {
     state.standard.rlock_acquire = nullptr;
     state.standard.rlock_release = nullptr;
     state.standard.rlock_is_owned = nullptr;
+    state.standard.rlock_laid_out = false;
     state.standard.lock_acquire = nullptr;
     state.standard.lock_release = nullptr;
+    state.standard.lock_laid_out = false;
     for (OwnClass& own : state.own) {
         own.version = 0;
     }

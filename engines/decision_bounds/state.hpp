@@ -64,9 +64,11 @@ struct Standard {
     PyCFunctionWithKeywords rlock_acquire;
     PyCFunction rlock_release;
     PyCFunction rlock_is_owned;
+    bool rlock_laid_out;  // its fields are where `cpython::RLockObject` says
     PyTypeObject* lock_type;  // `threading.Lock()`'s class, the plain lock
     PyCFunctionWithKeywords lock_acquire;
     PyCFunction lock_release;
+    bool lock_laid_out;  // its fields are where `cpython::LockObject` says
     PyObject* math_module;  // `math` and its `isinf` and `inf`
     PyObject* math_isinf;
     PyObject* math_inf;
