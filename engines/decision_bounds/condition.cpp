@@ -268,7 +268,8 @@ void notify_all(FunctionObject* fn, const Value& condition) {
 
 namespace {
 
-// Whether the C lock of a `_thread` lock is held now (a try to take it fails), leaving it as it was.
+// Whether the C lock of a `_thread` lock is held now (a try to take it fails), leaving it as it was;
+// and that it counts as a semaphore does, 0 while held and 1 while free.
 bool c_lock_held(PyThread_type_lock lock) {
     if (PyThread_acquire_lock_timed(lock, 0, 0) != PY_LOCK_ACQUIRED) {
         return true;
@@ -276,6 +277,7 @@ bool c_lock_held(PyThread_type_lock lock) {
     PyThread_release_lock(lock);
     return false;
 }
+bool c_lock_counts(PyThread_type_lock lock, bool held) { return cpython::c_lock_count(lock) == (held ? 0 : 1); }
 
 // Whether a reentrant lock made now keeps its C lock, owner and depth where `cpython::RLockObject`
 // says, as its own methods set them.
@@ -287,14 +289,17 @@ bool rlock_is_laid_out(const Standard& standard) {
     Ref lock = call(reinterpret_cast<PyObject*>(type));
     const auto* fields = reinterpret_cast<const cpython::RLockObject*>(lock.get());
     unsigned long me = PyThread_get_thread_ident();
-    bool fresh = fields->lock != nullptr && fields->count == 0 && !c_lock_held(fields->lock);
+    bool fresh = fields->lock != nullptr && fields->count == 0 && !c_lock_held(fields->lock) &&
+                 c_lock_counts(fields->lock, false);
     own(standard.rlock_acquire(lock.get(), standard.empty_tuple, nullptr));
     own(standard.rlock_acquire(lock.get(), standard.empty_tuple, nullptr));
-    bool twice = fresh && fields->count == 2 && fields->owner == me && c_lock_held(fields->lock);
+    bool twice = fresh && fields->count == 2 && fields->owner == me && c_lock_held(fields->lock) &&
+                 c_lock_counts(fields->lock, true);
     own(standard.rlock_release(lock.get(), nullptr));
     bool once = twice && fields->count == 1 && fields->owner == me && c_lock_held(fields->lock);
     own(standard.rlock_release(lock.get(), nullptr));
-    return once && fields->count == 0 && fields->owner == 0 && !c_lock_held(fields->lock);
+    return once && fields->count == 0 && fields->owner == 0 && !c_lock_held(fields->lock) &&
+           c_lock_counts(fields->lock, false);
 }
 
 // The same for the plain lock and `cpython::LockObject`.
@@ -303,11 +308,12 @@ bool lock_is_laid_out(const Standard& standard, PyObject* lock) {
         return false;
     }
     const auto* fields = reinterpret_cast<const cpython::LockObject*>(lock);
-    bool fresh = fields->lock != nullptr && fields->locked == 0 && !c_lock_held(fields->lock);
+    bool fresh = fields->lock != nullptr && fields->locked == 0 && !c_lock_held(fields->lock) &&
+                 c_lock_counts(fields->lock, false);
     own(standard.lock_acquire(lock, standard.empty_tuple, nullptr));
-    bool taken = fresh && fields->locked == 1 && c_lock_held(fields->lock);
+    bool taken = fresh && fields->locked == 1 && c_lock_held(fields->lock) && c_lock_counts(fields->lock, true);
     own(standard.lock_release(lock, nullptr));
-    return taken && fields->locked == 0 && !c_lock_held(fields->lock);
+    return taken && fields->locked == 0 && !c_lock_held(fields->lock) && c_lock_counts(fields->lock, false);
 }
 
 }  // namespace

@@ -74,18 +74,18 @@ Value arithmetic(const Value& a, const Value& b, Operation operation, binaryfunc
 
 Number Number::of(PyObject* object) noexcept {
     if (PyFloat_CheckExact(object)) {
-        return {.kind = Kind::real, .integer = 0, .real = PyFloat_AS_DOUBLE(object)};
+        return of(PyFloat_AS_DOUBLE(object));
     }
     if (!PyLong_CheckExact(object)) {
         return {};
     }
     if (cpython::is_compact(object)) {
-        return {.kind = Kind::integer, .integer = cpython::compact_value(object), .real = 0.0};
+        return of(static_cast<long long>(cpython::compact_value(object)));
     }
     // Beyond a machine word's fast form an int may still fit 64 bits.
     int overflow = 0;
     long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
-    return overflow == 0 ? Number{.kind = Kind::integer, .integer = number, .real = 0.0} : Number{};
+    return overflow == 0 ? of(number) : Number{};
 }
 
 Value Value::own(Ref object) {
@@ -96,20 +96,20 @@ Value Value::own(Ref object) {
 Value Value::borrow(PyObject* object) { return known(object, Number::of(object)); }
 
 bool Value::exact_float(double* out) const noexcept {
-    if (kind_ == Kind::real) {
-        *out = real_;
+    if (is_real()) {
+        *out = real();
         return true;
     }
-    if (kind_ == Kind::integer && -exact_limit <= integer_ && integer_ <= exact_limit) {
-        *out = static_cast<double>(integer_);
+    if (is_integer() && -exact_limit <= integer() && integer() <= exact_limit) {
+        *out = static_cast<double>(integer());
         return true;
     }
     return false;
 }
 
 PyObject* Value::made() const {
-    assert(kind_ == Kind::integer || kind_ == Kind::real);
-    object_ = kind_ == Kind::integer ? decision_bounds::integer(integer_) : decision_bounds::real(real_);
+    assert(is_integer() || is_real());
+    object_ = is_integer() ? decision_bounds::integer(integer()) : decision_bounds::real(real());
     return object_.get();
 }
 

@@ -15,10 +15,24 @@ namespace decision_bounds {
 struct Number {
     enum class Kind : unsigned char { other, integer, real };
     Kind kind = Kind::other;
-    long long integer = 0;
-    double real = 0.0;
+    union {
+        long long integer = 0;
+        double real;
+    };
 
     static Number of(PyObject* object) noexcept;
+    static Number of(long long value) noexcept {
+        Number number;
+        number.kind = Kind::integer;
+        number.integer = value;
+        return number;
+    }
+    static Number of(double value) noexcept {
+        Number number;
+        number.kind = Kind::real;
+        number.real = value;
+        return number;
+    }
 };
 
 class Value {
@@ -28,21 +42,14 @@ public:
     // The value of an object already read as a number.
     static Value known(PyObject* object, const Number& number) {
         Value value;
-        switch (number.kind) {
-            case Number::Kind::integer: value.kind_ = Kind::integer; value.integer_ = number.integer; break;
-            case Number::Kind::real: value.kind_ = Kind::real; value.real_ = number.real; break;
-            default: value.kind_ = Kind::object; value.object_ = Ref::borrow(object); break;
+        value.number_ = number;
+        if (number.kind == Number::Kind::other) {
+            value.object_ = Ref::borrow(object);
         }
         return value;
     }
     // What the value is as a number.
-    Number number() const noexcept {
-        return {.kind = kind_ == Kind::integer ? Number::Kind::integer
-                        : kind_ == Kind::real  ? Number::Kind::real
-                                               : Number::Kind::other,
-                .integer = integer_,
-                .real = real_};
-    }
+    const Number& number() const noexcept { return number_; }
 
     // The value of an object, taken over or borrowed: a number is read, anything else kept.
     static Value own(Ref object);
@@ -50,29 +57,27 @@ public:
     // An object known to be no int or float (None, a bool, a text): nothing to classify.
     static Value other(Ref object) noexcept {
         Value value;
-        value.kind_ = Kind::object;
         value.object_ = std::move(object);
         return value;
     }
     // A number computed in machine arithmetic.
     static Value of(long long number) noexcept {
         Value value;
-        value.kind_ = Kind::integer;
-        value.integer_ = number;
+        value.number_ = Number::of(number);
         return value;
     }
     static Value of(double number) noexcept {
         Value value;
-        value.kind_ = Kind::real;
-        value.real_ = number;
+        value.number_ = Number::of(number);
         return value;
     }
 
-    explicit operator bool() const noexcept { return kind_ != Kind::unset; }
-    bool is_integer() const noexcept { return kind_ == Kind::integer; }
-    bool is_real() const noexcept { return kind_ == Kind::real; }
-    long long integer() const noexcept { return integer_; }
-    double real() const noexcept { return real_; }
+    // Unset: neither a number nor an object.
+    explicit operator bool() const noexcept { return number_.kind != Number::Kind::other || object_; }
+    bool is_integer() const noexcept { return number_.kind == Number::Kind::integer; }
+    bool is_real() const noexcept { return number_.kind == Number::Kind::real; }
+    long long integer() const noexcept { return number_.integer; }
+    double real() const noexcept { return number_.real; }
     // The number as a float when it is exactly one: a float, or an int of at most 2**53 either way.
     bool exact_float(double* out) const noexcept;
 
@@ -81,15 +86,10 @@ public:
     Ref ref() const { return Ref::borrow(get()); }
 
 private:
-    enum class Kind : unsigned char { unset, object, integer, real };
-
-
     PyObject* made() const;
 
-    Kind kind_ = Kind::unset;
-    long long integer_ = 0;
-    double real_ = 0.0;
-    mutable Ref object_;
+    Number number_;       // the machine number, if it is one
+    mutable Ref object_;  // the object, if it is none, or once made for the number
 };
 
 // The operations, as the number types give them: in machine numbers for exact ints (within 64 bits)

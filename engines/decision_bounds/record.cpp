@@ -23,7 +23,12 @@ KnownDict& known_entry(ModuleState& state, PyObject* dict, Own cls) {
     }
     set.recent = static_cast<unsigned char>(1 - set.recent);
     KnownDict& known = set.ways[set.recent];
-    known = KnownDict{.dict = dict, .version = version, .cls = cls, .keys = KnownDict::Keys::unknown, .read = 0, .fields = {}, .numbers = {}};
+    // Only the fields marked read are ever looked at: the rest may keep what they held.
+    known.dict = dict;
+    known.version = version;
+    known.cls = cls;
+    known.keys = KnownDict::Keys::unknown;
+    known.read = 0;
     return known;
 }
 
@@ -33,7 +38,7 @@ void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject
     KnownDict& known = known_entry(state, dict, cls);
     known.keys = KnownDict::Keys::fields_only;
     known.read = static_cast<unsigned short>((1U << field_count(cls)) - 1);
-    std::fill(std::begin(known.fields), std::end(known.fields), nullptr);
+    std::fill_n(known.fields, field_count(cls), nullptr);
     known.fields[place_of(cls, field)] = value;
     known.numbers[place_of(cls, field)] = Number::of(value);
 }
@@ -82,7 +87,7 @@ void Record::read_all() {
     const std::span<const Name> fields = fields::of_class[static_cast<size_t>(cls_)];
     const auto count = static_cast<int>(fields.size());
     Keys keys = Keys::fields_only;
-    std::fill(std::begin(known_->fields), std::end(known_->fields), nullptr);
+    std::fill_n(known_->fields, count, nullptr);
     known_->read = static_cast<unsigned short>((1U << count) - 1);
     Py_ssize_t position = 0;
     PyObject* key;

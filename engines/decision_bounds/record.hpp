@@ -66,10 +66,11 @@ private:
     // Reads the object afresh: whether it is standard, and then where its dict is and what the
     // module knows of it. Fields are read when first asked for.
     void load();
-    // A field read where the class's code stores it, or looked up.
-    Value get_slowly(Name field);
+    // A field read where the class's code stores it, or looked up. Apart from `get` and `set`, so
+    // that their usual case stays a few instructions with no registers to save.
+    [[gnu::noinline]] Value get_slowly(Name field);
     // Any other write.
-    void set_slowly(Name field, PyObject* object);
+    [[gnu::noinline]] void set_slowly(Name field, PyObject* object);
     // What `field` holds now, borrowed, or null: read where the class's code stores it.
     PyObject* field_at_place(int place);
     // Every entry of the dict: which are the class's fields, and whether there is anything else.
