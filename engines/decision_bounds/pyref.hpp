@@ -72,6 +72,13 @@ public:
 private:
     explicit Ref(PyObject* p) noexcept : p_(p) {}
     [[gnu::noinline]] static void drop(PyObject* p) {
+        if (cpython::finalizing_thread() != nullptr) [[unlikely]] {
+            drop_at_exit(p);
+            return;
+        }
+        Py_DECREF(p);
+    }
+    [[gnu::noinline, gnu::cold]] static void drop_at_exit(PyObject* p) {
         if (thread_is_attached()) {
             Py_DECREF(p);
         }
