@@ -235,29 +235,60 @@ Entered::~Entered() noexcept(false) {
     PyErr_SetRaisedException(pending);
 }
 
+namespace {
+
+// What `notify_all` needs of a standard condition's dict when its entries make the call a no-op
+// whenever nobody waits: the `_waiters` deque and the lock of `_is_owned` (borrowed from the dict);
+// null when they do not. The lookups first, as they may run code; then the entries, read with
+// nothing run between.
+Standard::QuietCondition quiet_entries(ModuleState& state, PyObject* dict) {
+    const Standard& standard = state.standard;
+    Ref held = Ref::borrow(dict);
+    if (check(PyDict_Contains(dict, name(state, Name::notify_all))) != 0 ||
+        check(PyDict_Contains(dict, name(state, Name::notify))) != 0) {
+        return {};
+    }
+    PyObject* waiters = entry_at(dict, waiters_place, name(state, Name::_waiters));
+    PyObject* is_owned = entry_at(dict, is_owned_place, name(state, Name::_is_owned));
+    if (waiters == nullptr || Py_TYPE(waiters) != standard.deque_type || is_owned == nullptr ||
+        !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != standard.rlock_is_owned ||
+        Py_TYPE(PyCFunction_GET_SELF(is_owned)) != standard.rlock_type) {
+        return {};
+    }
+    return {.dict = dict, .version = cpython::dict_version(dict), .waiters = waiters,
+            .lock = PyCFunction_GET_SELF(is_owned)};
+}
+
+}  // namespace
+
 void notify_all(FunctionObject* fn, const Value& condition) {
     ModuleState& state = state_of(fn);
-    const Standard& standard = state.standard;
+    Standard& standard = state.standard;
     PyObject* object = condition.get();
     // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
     // empty, once `self._is_owned()` has said that this thread holds the lock.
     if (standard_condition(state, Py_TYPE(object))) {
-        Ref dict = Ref::borrow(instance_dict(object));
-        // The lookups first: they may run code. Then the entries, read with nothing run between.
-        if (dict && check(PyDict_Contains(dict.get(), name(state, Name::notify_all))) == 0 &&
-            check(PyDict_Contains(dict.get(), name(state, Name::notify))) == 0) {
-            PyObject* waiters = entry_at(dict.get(), waiters_place, name(state, Name::_waiters));
-            PyObject* is_owned = entry_at(dict.get(), is_owned_place, name(state, Name::_is_owned));
-            if (waiters != nullptr && Py_TYPE(waiters) == standard.deque_type && PyObject_Size(waiters) == 0 &&
-                is_owned != nullptr && PyCFunction_Check(is_owned) &&
-                PyCFunction_GET_FUNCTION(is_owned) == standard.rlock_is_owned &&
-                Py_TYPE(PyCFunction_GET_SELF(is_owned)) == standard.rlock_type) {
-                Ref lock = Ref::borrow(PyCFunction_GET_SELF(is_owned));
-                if (standard.rlock_laid_out) {
-                    if (cpython::rlock_is_mine(lock.get())) {
-                        return;
-                    }
-                } else if (own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True) {
+        if (PyObject* dict = instance_dict(object)) {
+            const Standard::QuietCondition* quiet = nullptr;
+            for (const Standard::QuietCondition& known : standard.quiet) {
+                if (known.dict == dict && known.version == cpython::dict_version(dict)) {
+                    quiet = &known;
+                }
+            }
+            if (quiet == nullptr) {
+                Standard::QuietCondition found = quiet_entries(state, dict);
+                if (found.dict != nullptr && found.dict == instance_dict(object) &&
+                    found.version == cpython::dict_version(found.dict)) {
+                    standard.quiet_recent = static_cast<unsigned char>(1 - standard.quiet_recent);
+                    standard.quiet[standard.quiet_recent] = found;
+                    quiet = &standard.quiet[standard.quiet_recent];
+                }
+            }
+            if (quiet != nullptr && PyObject_Size(quiet->waiters) == 0) {
+                Ref lock = Ref::borrow(quiet->lock);
+                bool mine = standard.rlock_laid_out ? cpython::rlock_is_mine(lock.get())
+                                                    : own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True;
+                if (mine) {
                     return;
                 }
             }
