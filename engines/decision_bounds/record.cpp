@@ -107,36 +107,48 @@ void Record::read_all() {
     known_->keys = keys;
 }
 
+inline bool Record::knows(int place) const {
+    return place >= 0 && current() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr;
+}
+
+inline void Record::write_known(int place, Name field, const Value& value) {
+    // A field whose old value the module knows, in a dict whose keys are all exact `str`. With the
+    // old value held through it (unless freeing it runs nothing anyway: an exact number, None), the
+    // write runs no code, so what the module knew still holds.
+    PyObject* object = value.get();
+    PyObject* before = known_->fields[place];
+    Ref old = PyFloat_CheckExact(before) || PyLong_CheckExact(before) || before == Py_None ? Ref() : Ref::borrow(before);
+    check(PyDict_SetItem(dict_.get(), name(fn_, field), object));
+    known_->fields[place] = object;
+    known_->numbers[place] = value.number();
+    known_->version = cpython::dict_version(dict_.get());
+    // `old` goes now; what freeing it runs, the next use notices
+}
+
 Value Record::get(Name field) {
     int place = place_of(cls_, field);
-    if (place >= 0 && current() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
+    if (knows(place)) {
         return Value::known(known_->fields[place], known_->numbers[place]);
     }
     return get_slowly(field);
 }
 
 void Record::set(Name field, const Value& value) {
-    PyObject* object = value.get();
     int place = place_of(cls_, field);
-    // The usual write: a field whose old value the module knows, in a dict whose keys are all
-    // exact `str`. With the old value held through it (unless freeing it runs nothing anyway: an
-    // exact number, None), the write runs no code, so what the module knew still holds.
-    if (place >= 0 && writes_quietly() && (known_->read >> place & 1) != 0 && known_->fields[place] != nullptr) {
-        PyObject* before = known_->fields[place];
-        Ref old = PyFloat_CheckExact(before) || PyLong_CheckExact(before) || before == Py_None ? Ref()
-                                                                                              : Ref::borrow(before);
-        check(PyDict_SetItem(dict_.get(), name(fn_, field), object));
-        known_->fields[place] = object;
-        known_->numbers[place] = value.number();
-        known_->version = cpython::dict_version(dict_.get());
-        return;  // `old` goes now; what freeing it runs, the next use notices
+    if (knows(place) && quiet_keys()) {
+        write_known(place, field, value);
+        return;
     }
-    set_slowly(field, object);
+    set_slowly(field, value);
 }
 
 Value Record::get_slowly(Name field) {
     if (!current()) {
         load();
+        // What an earlier record of the object read of it, as it still is.
+        if (int place = place_of(cls_, field); knows(place)) {
+            return Value::known(known_->fields[place], known_->numbers[place]);
+        }
     }
     PyObject* key = name(fn_, field);
     if (dict_) {
@@ -161,10 +173,15 @@ Value Record::get_slowly(Name field) {
     return Value::own(getattr(object_, key));
 }
 
-void Record::set_slowly(Name field, PyObject* object) {
+void Record::set_slowly(Name field, const Value& value) {
     if (!current()) {
         load();
+        if (int place = place_of(cls_, field); knows(place) && quiet_keys()) {
+            write_known(place, field, value);
+            return;
+        }
     }
+    PyObject* object = value.get();
     PyObject* key = name(fn_, field);
     if (!dict_) {
         setattr(object_, key, object);

@@ -48,12 +48,13 @@ public:
 
     // Whether a write of a field whose old value is an exact number runs no code now: the object is
     // standard, the module knows its dict as it is, and every key of the dict is an exact `str`.
-    bool writes_quietly() const {
-        return current() && (known_->keys == Keys::fields_only || cpython::is_split(dict_.get()));
-    }
+    bool writes_quietly() const { return current() && quiet_keys(); }
 
 private:
     using Keys = KnownDict::Keys;
+
+    // Whether every key of the dict, current, is an exact `str`.
+    bool quiet_keys() const { return known_->keys == Keys::fields_only || cpython::is_split(dict_.get()); }
 
     // Whether what the module read of the dict still holds (never, while the object is not
     // standard).
@@ -70,7 +71,11 @@ private:
     // that their usual case stays a few instructions with no registers to save.
     [[gnu::noinline]] Value get_slowly(Name field);
     // Any other write.
-    [[gnu::noinline]] void set_slowly(Name field, PyObject* object);
+    [[gnu::noinline]] void set_slowly(Name field, const Value& value);
+    // Whether the module knows the field at `place` (-1: none) as the object holds it now.
+    bool knows(int place) const;
+    // `set` of a field that the module knows, in a dict that it writes quietly.
+    void write_known(int place, Name field, const Value& value);
     // What `field` holds now, borrowed, or null: read where the class's code stores it.
     PyObject* field_at_place(int place);
     // Every entry of the dict: which are the class's fields, and whether there is anything else.
