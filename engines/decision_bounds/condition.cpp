@@ -299,8 +299,7 @@ void notify_all(FunctionObject* fn, const Value& condition) {
 
 namespace {
 
-// Whether the C lock of a `_thread` lock is held now (a try to take it fails), leaving it as it was;
-// and that it counts as a semaphore does, 0 while held and 1 while free.
+// Whether the C lock of a `_thread` lock is held now (a try to take it fails), leaving it as it was.
 bool c_lock_held(PyThread_type_lock lock) {
     if (PyThread_acquire_lock_timed(lock, 0, 0) != PY_LOCK_ACQUIRED) {
         return true;
@@ -308,6 +307,7 @@ bool c_lock_held(PyThread_type_lock lock) {
     PyThread_release_lock(lock);
     return false;
 }
+// Whether it counts as a semaphore does: 0 while held, 1 while free.
 bool c_lock_counts(PyThread_type_lock lock, bool held) { return cpython::c_lock_count(lock) == (held ? 0 : 1); }
 
 // Whether a reentrant lock made now keeps its C lock, owner and depth where `cpython::RLockObject`
