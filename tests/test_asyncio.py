@@ -7,6 +7,7 @@ import concurrent.futures
 import contextlib
 import functools
 import math
+import os
 import random
 import statistics
 import threading
@@ -18,6 +19,10 @@ from engines import decision_bounds as db
 from engines import decision_bounds_asyncio as dba
 
 from support import Reply, recording_held
+
+
+# Under the sanitizers every call is some times slower: the time limits are wider there.
+SLOWER = 4 if "libasan" in os.environ.get("LD_PRELOAD", "") else 1
 
 
 class NoExecutor(concurrent.futures.ThreadPoolExecutor):
@@ -244,7 +249,7 @@ def test_one_waker_thread_per_waited_on_bound_and_a_prompt_wake_up(bounds):
 
     median, gap = run(main)
     print(f"wake-up median {median * 1e6:.0f} us, longest heartbeat gap {gap * 1e3:.1f} ms")
-    assert median < 0.005 and gap < 0.05
+    assert median < 0.001 * SLOWER and gap < 0.02 * SLOWER
     deadline = time.monotonic() + 5
     while threading.active_count() > before and time.monotonic() < deadline:
         time.sleep(0.01)
