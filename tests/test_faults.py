@@ -154,6 +154,19 @@ def test_every_callback_is_reached_by_the_scenarios():
     assert set(daily_faults.counts) == {"today", "ledger", "bound", "stopping", "clock", "cost"}
 
 
+@pytest.mark.parametrize("field", ["cost", "input_tokens"])
+def test_request_rates_survive_a_fault(field):
+    rates, faults = db.RequestRates(), Faults(field, 1)
+    with pytest.raises(Boom):
+        rates.learn(10, "a", FaultyReply(faults, 0.5, 7))
+    # What was done before the fault stays done: the feature, and the cost when the tokens failed.
+    assert rates._features == {"a"} and rates._cost.per_call == (0.5 if field == "input_tokens" else 0.0)
+    assert not rates._lock.locked()
+    with pytest.raises(TypeError):
+        rates.cost(10, ["unhashable"])
+    assert not rates._lock.locked()
+
+
 def interrupt_while_waiting(wait, give_back):
     """Interrupts the main thread while `wait()` waits; `give_back` ends the wait if the interrupt
     is lost, so that the test fails instead of hanging."""

@@ -1,4 +1,6 @@
+import copy
 import inspect
+import pickle
 import threading
 import types
 import typing
@@ -124,7 +126,9 @@ def test_looks_like_a_python_function(path):
     # The texts resolve in the module's namespace, as for a function written in Python.
     assert set(typing.get_type_hints(function)) == set(python.__annotations__)
     inspect.signature(function, eval_str=True)
-    assert repr(function).startswith(f"<function {path} at 0x")
+    assert repr(function).startswith(f"<function {path} at 0x") and function.__type_params__ == ()
+    assert pickle.loads(pickle.dumps(function)) is function  # by reference, as a Python function
+    assert copy.copy(function) is function and copy.deepcopy(function) is function
 
 
 def test_the_table_has_every_function():
@@ -156,6 +160,14 @@ def test_argument_errors_match_python(path):
             assert str(native.value) == str(error), (args, kwargs)
             checked += 1
     assert checked >= 5
+
+
+def test_each_hold_makes_a_give_back_of_its_own():
+    budget = db.RunBudget(5, 1000)
+    give_back = budget.hold(1.0)._give_back
+    assert give_back is not budget.hold(2.0)._give_back and give_back.__doc__ is None
+    assert (give_back.__name__, give_back.__qualname__, str(inspect.signature(give_back))) == (
+        "give_back", "RunBudget.hold.<locals>.give_back", "(reply: 'PaidReply | None') -> 'None'")
 
 
 def test_binds_as_a_method():

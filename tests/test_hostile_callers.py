@@ -268,6 +268,8 @@ def daily_spend(m, today=lambda: "2026-11-23"):
 
 WITH = {
     "RequestRates.learn": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.learn(10, "a", NoCost())),
+    "RequestRates.cost": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.cost(10, "a")),
+    "RequestRates.tokens": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.tokens(10)),
     "RunBudget.charge": (lambda m: swallowing(m.RunBudget(5, 100), "_changed"), lambda b: b.charge(NoCost(), 1.0)),
     "RunBudget.reserve": (lambda m: swallowing(m.RunBudget(5, 100), "_changed"), lambda b: b.reserve(1.0)),
     "DailySpend.spent": (daily_spend, lambda d: d.spent()),

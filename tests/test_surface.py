@@ -1,11 +1,13 @@
+import dataclasses
 import inspect
+import re
 import typing
 
 import pytest
 
 from engines import decision_bounds as db
 
-from support import run_python
+from support import run_python, twin
 
 MODULE_DOC = (
     'The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a\n'
@@ -61,6 +63,47 @@ def test_module_namespace_and_values():
         "field": dataclasses.field, "Any": typing.Any, "Protocol": typing.Protocol,
     }
     assert all(getattr(db, name) is value for name, value in standard.items())
+
+
+CLASSES = {  # each class, what makes an instance, and its docstring
+    "Share": ((), None),
+    "_Held": ((), None),
+    "_Charges": ((), "The most one measure of the paid replies came to: for one call, and per request byte."),
+    "RequestRates": ((), (
+        "What a request may cost, in USD and in input tokens, before its reply says.\n\n    Its cost is held at the "
+        "most a paid call has cost, of any feature, once its feature has had a\n    paid reply, and is not known "
+        "(infinite) before: a cheap feature's replies do not bound the\n    first call of a dear one, which runs "
+        "alone. Its input tokens grow with its bytes whatever its\n    feature, and are not known before the first "
+        "paid reply.\n    ")),
+    "RunBudget": ((3, 1000), (
+        "Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and\n    the tokens "
+        "it may use from :meth:`hold` until its share settles (:meth:`charge` or\n    :meth:`release`); cache hits "
+        "are free. Once ``should_stop`` says so, no call and no retry\n    starts.")),
+    "DailySpend": ((1.0, str, None), (
+        "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
+        "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
+        "hold their shares across midnight: each is counted on the day it settles.")),
+}
+
+
+def shown(value):
+    """A repr without addresses, the twin's module named as the module."""
+    return re.sub(r" at 0x[0-9a-f]+", "", repr(value)).replace(twin().__name__, db.__name__)
+
+
+@pytest.mark.parametrize("name", CLASSES)
+def test_a_class_is_laid_out_as_its_twin(name):
+    args, doc = CLASSES[name]
+    if doc is not None:
+        assert getattr(db, name).__doc__ == doc
+    got = []
+    for m in (db, twin()):
+        cls, obj = getattr(m, name), getattr(m, name)(*args)
+        fields = dataclasses.fields(cls) if dataclasses.is_dataclass(cls) else ()
+        got.append(([base.__name__ for base in cls.__bases__], [k for k, v in vars(cls).items() if callable(v)],
+                    shown(vars(cls).get("__annotations__")), shown(obj), [(k, shown(v)) for k, v in vars(obj).items()],
+                    [(f.name, f.type, shown(f.default), shown(f.default_factory), f.repr, f.compare) for f in fields]))
+    assert got[0] == got[1]
 
 
 ERRORS = [
