@@ -9,6 +9,8 @@ import pytest
 
 from engines import decision_bounds as db
 
+from support import run_python
+
 
 class Recording(threading.Condition):
     """A condition whose with block and notify_all are seen."""
@@ -46,6 +48,27 @@ def test_a_condition_of_another_class_gets_its_own_methods(lock):
     settle_one(daily)
     assert daily._changed.calls == ["enter", "exit", "enter", "notify_all", "exit"]
     assert daily.spent() == 0.5 and daily._held.holders == 0
+
+
+@pytest.mark.parametrize("lock", ["Lock", "RLock"])
+def test_a_standard_condition_over_either_lock_is_left_as_it_was(lock):
+    # Taken and given back as a lock of another kind, the lock would lose its weak references.
+    assert run_python(f"""
+        import gc, threading, time, weakref
+        import engines.decision_bounds as db
+        daily = db.DailySpend(1.0, lambda: "2026-03-01", None)
+        daily._changed, gone = threading.Condition(threading.{lock}()), []
+        ref = weakref.ref(daily._changed._lock, gone.append)
+        blocker = daily.admit(lambda: float("inf"), deadline=None, clock=time.monotonic, stopping=db.never)
+        try:
+            daily.admit(lambda: 1.0, deadline=time.monotonic() + 0.05, clock=time.monotonic, stopping=db.never)
+        except db.DecisionTimeout:  # waited, and timed out
+            blocker.settle(None)
+        daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never).settle(None)
+        del daily, blocker
+        gc.collect()
+        print(len(gone), ref() is None)
+        """) == "1 True"
 
 
 @pytest.mark.parametrize("where", ["class", "instance"])
