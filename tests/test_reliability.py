@@ -1,5 +1,6 @@
-"""The module under stress: leaks, re-import, interpreters, and a model of its bookkeeping."""
+"""The module under stress: leaks, cycles, a re-import and an interpreter with its own GIL."""
 
+import contextlib
 import gc
 import importlib
 import math
@@ -39,8 +40,7 @@ def growth(operation, rounds=4, per_round=2000):
             readings.append((tracemalloc.get_traced_memory()[0], len(gc.get_objects())))
     finally:
         tracemalloc.stop()
-    after = [sys.getrefcount(k) for k in KEPT]
-    added = [a - b for a, b in zip(after, references)]
+    added = [a - b for a, b in zip([sys.getrefcount(k) for k in KEPT], references)]
     return readings[-1][0] - readings[0][0], readings[-1][1] - readings[0][1], added
 
 
@@ -68,10 +68,8 @@ def waits_refused():
     with changed:
         for args, kwargs in [((changed, lambda: True), {}),  # stopped, timed out, a binding error
                              ((changed, db.never), dict(deadline=1.0, clock=lambda: 2.0)), ((1, 2, 3), dict(clock=4))]:
-            try:
+            with contextlib.suppress(db.DecisionStopped, db.DecisionTimeout, TypeError):
                 db._wait(*args, **kwargs)
-            except (db.DecisionStopped, db.DecisionTimeout, TypeError):
-                pass
 
 
 def budget_round():
@@ -86,10 +84,8 @@ def budget_round():
     budget.exhausted()
     budget.summary()
     for refused in (budget, db.RunBudget(3, 1000, should_stop=lambda: True)):
-        try:
+        with contextlib.suppress(db.DecisionBudgetExceeded, db.DecisionStopped):
             refused.reserve(1.0)
-        except (db.DecisionBudgetExceeded, db.DecisionStopped):
-            pass
 
 
 def daily_round():
@@ -102,10 +98,8 @@ def daily_round():
     with daily.admit(lambda: bound, deadline=1.0, clock=lambda: 0.0, stopping=db.never):
         pass
     daily.charge(Reply(0.5))
-    try:
+    with contextlib.suppress(db.DecisionBudgetExceeded):
         daily.admit(lambda: bound, deadline=None, clock=time.monotonic, stopping=db.never)
-    except db.DecisionBudgetExceeded:
-        pass
     db.DailySpend(1.0, lambda: "2026-11-23", lambda day: None).spent()  # an unreadable ledger
 
 
@@ -122,15 +116,9 @@ def rates_round():
 OPERATIONS = [shares, held_round, waits_refused, budget_round, daily_round, rates_round]
 
 
-@pytest.fixture
-def quiet_logger():
-    db.logger.disabled = True
-    yield
-    db.logger.disabled = False
-
-
 @pytest.mark.parametrize("operation", OPERATIONS, ids=lambda op: op.__name__)
-def test_repeated_operations_leave_memory_flat(operation, quiet_logger):
+def test_repeated_operations_leave_memory_flat(operation, monkeypatch):
+    monkeypatch.setattr(db.logger, "disabled", True)
     memory, objects, references = growth(operation)
     assert references == [0] * len(KEPT)
     # A reference leaked per call would add at least 2000 objects of 16 bytes or more per round.
