@@ -12,26 +12,6 @@ from engines import decision_bounds as db
 from support import run_python
 
 
-class Recording(threading.Condition):
-    """A condition whose with block and notify_all are seen."""
-
-    def __init__(self, *args):
-        super().__init__(*args)
-        self.calls = []
-
-    def __enter__(self):
-        self.calls.append("enter")
-        return super().__enter__()
-
-    def __exit__(self, *exc):
-        self.calls.append("exit")
-        return super().__exit__(*exc)
-
-    def notify_all(self):
-        self.calls.append("notify_all")
-        super().notify_all()
-
-
 def account():
     return db.DailySpend(10.0, lambda: "2026-03-01", None)
 
@@ -39,15 +19,6 @@ def account():
 def settle_one(daily):
     share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
     share.settle(types.SimpleNamespace(cost=0.5))
-
-
-@pytest.mark.parametrize("lock", [None, threading.Lock()], ids=["reentrant", "plain"])
-def test_a_condition_of_another_class_gets_its_own_methods(lock):
-    daily = account()
-    daily._changed = Recording(*([lock] if lock else []))
-    settle_one(daily)
-    assert daily._changed.calls == ["enter", "exit", "enter", "notify_all", "exit"]
-    assert daily.spent() == 0.5 and daily._held.holders == 0
 
 
 @pytest.mark.parametrize("lock", ["Lock", "RLock"])
@@ -135,19 +106,3 @@ def test_keyword_names_made_at_run_time_bind_by_value():
     assert held.admits(**dict(zip(names, (1.0, 2.0, 3.0)))) is True
     with pytest.raises(TypeError, match="unexpected keyword argument 'sharex'"):
         held.admits(**{"".join(("share", "x")): 1.0, "used": 2.0, "limit": 3.0})
-
-
-def test_names_rebound_after_use_are_the_ones_used(monkeypatch):
-    budget, daily = db.RunBudget(5, 1000), account()
-    budget.hold(1.0).settle(None)
-    settle_one(daily)  # the standard Share and functools.partial, found and remembered
-
-    class Recording(db.Share):
-        pass
-
-    made = []
-    monkeypatch.setattr(db, "Share", Recording)
-    monkeypatch.setattr(db, "functools", types.SimpleNamespace(partial=lambda *a: made.append(a) or (lambda r: None)))
-    assert type(budget.hold(1.0)) is Recording
-    share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
-    assert type(share) is Recording and made == [(daily._give_back, 1.0)]

@@ -275,6 +275,7 @@ WITH = {
     "DailySpend.spent": (daily_spend, lambda d: d.spent()),
     "DailySpend.charge": (lambda m: daily_spend(m, failing), lambda d: d.charge(Reply(1.0))),
     "DailySpend.admit": (daily_spend, lambda d: d.admit(failing, deadline=None, clock=failing, stopping=failing)),
+    "DailySpend._give_back": (daily_spend, lambda d: d._give_back(1.0, Reply(0.5))),
 }
 
 
