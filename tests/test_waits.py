@@ -11,7 +11,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import Reply, lock_is_free
+from support import Reply, failing, lock_is_free
 
 
 class Asked:
@@ -88,12 +88,8 @@ def test_what_ends_a_waiting_admission(monkeypatch, end, outcome):
     assert len(bound.owned) >= 2 and all(bound.owned)  # the bound is asked again after the wait, under the lock
 
 
-def never_called(*_):
-    raise AssertionError("called")
-
-
 @pytest.mark.parametrize("poll, stop, deadline, clock, error, lasts", [
-    (30.0, True, 0.0, never_called, db.DecisionStopped, 0.0),  # the stop wins and the clock is not read
+    (30.0, True, 0.0, failing, db.DecisionStopped, 0.0),  # the stop wins and the clock is not read
     (30.0, False, 5.0, lambda: 5.0, db.DecisionTimeout, 0.0),  # a deadline of exactly now has passed
     (30.0, False, 5, lambda: 7.5, db.DecisionTimeout, 0.0),
     (5.0, False, 100.05, lambda: 100.0, None, 0.05),  # the deadline caps the wait
@@ -116,7 +112,7 @@ def test_a_day_at_its_cap_refuses_at_once_and_warns_without_the_lock():
     db.logger.addHandler(probe)
     try:
         with pytest.raises(db.DecisionBudgetExceeded) as raised:
-            daily.admit(never_called, deadline=0.0, clock=never_called, stopping=never_called)
+            daily.admit(failing, deadline=0.0, clock=failing, stopping=failing)
     finally:
         db.logger.removeHandler(probe)
     assert free == [True] and raised.value.__cause__ is None
