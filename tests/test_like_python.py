@@ -137,8 +137,8 @@ def hold(m):
     return b, b.hold(10.0)
 
 
-def wait(m, now):
-    return partial(m._wait, recording(threading.Condition, "changed")(), called("stopping", False), deadline=1.0,
+def wait(m, now, stop=False):
+    return partial(m._wait, recording(threading.Condition, "changed")(), called("stopping", stop), deadline=1.0,
                    clock=called("clock", now))
 
 
@@ -154,6 +154,8 @@ CASES = {
     "_Held.give_back": lambda m: partial(held(m, 3.0, 1.0).give_back, 3.0),
     "_Held.give_back-last": lambda m: partial(held(m, math.inf).give_back, math.inf),
     "_wait-late": lambda m: wait(m, 1.5),
+    "_wait-now": lambda m: wait(m, 1.0),  # a deadline of exactly now has passed
+    "_wait-stopped": lambda m: wait(m, 0.0, stop=True),  # the clock is not read
     "_wait": lambda m: wait(m, 0.999),  # without the lock: refused
     "_Charges.bound": lambda m: partial(charges(m).bound, 300),
     "_Charges.learn": lambda m: partial(charges(m).learn, 10, 0.25),
