@@ -1,7 +1,5 @@
 """A share gives back exactly once, however its block ends and whatever its give-back does: the
-module's Share against its twin's, and settled by many threads at once."""
-
-import threading
+module's Share against its twin's."""
 
 import pytest
 
@@ -48,23 +46,6 @@ def test_gives_back_exactly_once_however_the_block_ends(give_back, settles, rais
         calls.append(outcome(lambda: (share[0].settle("late"), share[0].__exit__(), share[0]._give_back)))
         got.append((ended, calls, vars(m.Share()) == {"_give_back": m._nothing}))
     assert got[0] == got[1]
-
-
-def test_settled_by_many_threads_the_callback_runs_once():
-    for _ in range(20):
-        calls = []
-        share, start = db.Share(calls.append), threading.Barrier(8)
-
-        def settle():
-            start.wait(timeout=5)
-            share.settle("reply")
-
-        threads = [threading.Thread(target=settle) for _ in range(8)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join(timeout=5)
-        assert calls == ["reply"]
 
 
 def test_a_share_combines_with_another_base_as_a_class_statement_would():
