@@ -108,7 +108,8 @@ def budget(m, max_calls=5, stops=(False,), held_tokens=()):
 
 def daily(m, ledger=None, held_amounts=(), started=True):
     d = recording(m.DailySpend, "daily")(10.0, called("today", "2026-11-23"), ledger)
-    d._held = held(m, *held_amounts)
+    # Its condition's `with` block reads `_lock`: the log shows what is done under the lock.
+    d._held, d._changed = held(m, *held_amounts), recording(threading.Condition, "changed")()
     if started:
         d.spent()
     return d

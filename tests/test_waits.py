@@ -1,7 +1,6 @@
 """What ends a wait: a give-back on another thread wakes the waiter at once, a stop or a deadline ends
-it, the poll interval or the deadline caps it, and a day at its cap refuses at once."""
+it, and the poll interval or the deadline caps it."""
 
-import logging
 import math
 import threading
 import time
@@ -10,7 +9,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import Reply, failing, lock_is_free
+from support import Reply, lock_is_free
 
 
 class Asked:
@@ -98,16 +97,3 @@ def test_a_wait_lasts_the_poll_interval_capped_by_the_deadline(monkeypatch, poll
     with changed:
         assert db._wait(changed, db.never, deadline=deadline, clock=clock) is None
     assert 0.04 <= time.monotonic() - start < 1.0
-
-
-def test_a_day_at_its_cap_refuses_at_once_and_warns_without_the_lock():
-    daily = db.DailySpend(1.0, lambda: "2026-03-01", lambda day: 1.5)
-    free, probe = [], logging.Handler()
-    probe.emit = lambda record: free.append(lock_is_free(daily._changed))
-    db.logger.addHandler(probe)
-    try:
-        with pytest.raises(db.DecisionBudgetExceeded) as raised:
-            daily.admit(failing, deadline=0.0, clock=failing, stopping=failing)
-    finally:
-        db.logger.removeHandler(probe)
-    assert free == [True] and raised.value.__cause__ is None
