@@ -47,15 +47,11 @@ def growth(operation, rounds=4, per_round=2000):
 # Each operation uses new objects, so that a reference kept by mistake keeps memory alive.
 
 
-def shares():
+def shares_and_held():
     db.Share([].append).settle(object())
     with db.Share([].append):
         pass
-
-
-def held_round():
-    held = db._Held()
-    share = float(len(gc.garbage) + 1.5)
+    held, share = db._Held(), float(len(gc.garbage) + 1.5)
     held.admits(share, float(2), 10.0)
     held.take(share)
     held.take(math.inf)
@@ -113,7 +109,7 @@ def rates_round():
     rates.tokens(2000)
 
 
-OPERATIONS = [shares, held_round, waits_refused, budget_round, daily_round, rates_round]
+OPERATIONS = [shares_and_held, waits_refused, budget_round, daily_round, rates_round]
 
 
 @pytest.mark.parametrize("operation", OPERATIONS, ids=lambda op: op.__name__)
