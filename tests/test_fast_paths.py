@@ -9,7 +9,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import run_python
+from support import run_python, twin
 
 
 def account():
@@ -64,35 +64,22 @@ def test_making_a_share_runs_what_the_class_has(monkeypatch):
     assert made[-1] == "replaced"
 
 
-def test_a_property_added_after_use_is_used():
-    class Later(db._Held):
-        pass
-
-    held = Later()
-    held.take(1.0)  # its fields are plain so far
-    seen = []
-    Later.amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
-    held.give_back(1.0)
-    assert seen == [4.0, 0.0] and held.holders == 0
-
-
-@pytest.mark.parametrize("where", ["subclass", "instance"])
-def test_a_method_replaced_on_a_subclass_or_instance_is_the_one_called(where):
-    seen = []
-
-    class Counted(db._Held):
-        def admits(self, *args):
-            seen.append(args)
-            return super().admits(*args)
-
-    daily = account()
-    if where == "subclass":
-        daily._held = Counted()
-    else:
-        held = daily._held
-        daily._held.admits = lambda *args: seen.append(args) or db._Held.admits(held, *args)
-    settle_one(daily)
-    assert seen == [(1.0, 0.0, 10.0)]
+@pytest.mark.parametrize("change", ["a property of its class", "a method of its class", "a method of its own"])
+def test_a_record_changed_after_use_is_used_as_changed(change):
+    got = []
+    for m in (db, twin()):
+        seen, daily = [], m.DailySpend(10.0, lambda: "2026-03-01", None)
+        held = daily._held = type("Later", (m._Held,), {})() if "class" in change else daily._held
+        settle_one(daily)  # its fields and methods are plain so far
+        if change == "a property of its class":
+            type(held).amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
+        elif change == "a method of its class":
+            type(held).admits = lambda self, *args: seen.append(args) or m._Held.admits(self, *args)
+        else:
+            held.admits = lambda *args: seen.append(args) or m._Held.admits(held, *args)
+        settle_one(daily)
+        got.append(seen)
+    assert got[0] == got[1] and got[0]
 
 
 def test_keyword_names_made_at_run_time_bind_by_value():
