@@ -1,5 +1,6 @@
 """The shortcuts through the standard condition, lock, math.isinf and instance fields: they are
-taken only for the standard objects, and anything else gets the plain calls as before."""
+taken only for the standard objects as start-up left them, and anything else, or anything changed
+since, gets the plain calls as before."""
 
 import threading
 import time
@@ -10,10 +11,6 @@ import pytest
 from engines import decision_bounds as db
 
 from support import run_python, twin
-
-
-def account():
-    return db.DailySpend(10.0, lambda: "2026-03-01", None)
 
 
 def settle_one(daily):
@@ -37,18 +34,6 @@ def test_a_standard_condition_over_either_lock_is_left_as_it_was(lock):
         """) == "1"
 
 
-@pytest.mark.parametrize("where", ["class", "instance"])
-def test_a_notify_all_replaced_on_the_class_or_instance_is_called(monkeypatch, where):
-    daily, seen = account(), []
-    original = threading.Condition.notify_all
-    if where == "class":
-        monkeypatch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or original(self))
-    else:
-        daily._changed.notify_all = lambda: seen.append(daily._changed)
-    settle_one(daily)
-    assert seen == [daily._changed]
-
-
 def test_making_a_share_runs_what_the_class_has(monkeypatch):
     made = []
 
@@ -64,21 +49,27 @@ def test_making_a_share_runs_what_the_class_has(monkeypatch):
     assert made[-1] == "replaced"
 
 
-@pytest.mark.parametrize("change", ["a property of its class", "a method of its class", "a method of its own"])
-def test_a_record_changed_after_use_is_used_as_changed(change):
-    got = []
+@pytest.mark.parametrize("change", ["a property of its record's class", "a method of its record's class",
+                                    "a method of its record", "its condition's class", "its condition"])
+def test_an_account_changed_after_use_is_used_as_changed(monkeypatch, change):
+    got, notify_all = [], threading.Condition.notify_all
     for m in (db, twin()):
         seen, daily = [], m.DailySpend(10.0, lambda: "2026-03-01", None)
-        held = daily._held = type("Later", (m._Held,), {})() if "class" in change else daily._held
+        held = daily._held = type("Later", (m._Held,), {})() if "record's class" in change else daily._held
         settle_one(daily)  # its fields and methods are plain so far
-        if change == "a property of its class":
-            type(held).amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
-        elif change == "a method of its class":
-            type(held).admits = lambda self, *args: seen.append(args) or m._Held.admits(self, *args)
-        else:
-            held.admits = lambda *args: seen.append(args) or m._Held.admits(held, *args)
-        settle_one(daily)
-        got.append(seen)
+        with monkeypatch.context() as patch:
+            if change == "a property of its record's class":
+                type(held).amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
+            elif change == "a method of its record's class":
+                type(held).admits = lambda self, *args: seen.append(args) or m._Held.admits(self, *args)
+            elif change == "a method of its record":
+                held.admits = lambda *args: seen.append(args) or m._Held.admits(held, *args)
+            elif change == "its condition's class":
+                patch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or notify_all(self))
+            else:
+                daily._changed.notify_all = lambda: seen.append(daily._changed)
+            settle_one(daily)
+        got.append([value if type(value) is not threading.Condition else value is daily._changed for value in seen])
     assert got[0] == got[1] and got[0]
 
 
