@@ -138,8 +138,9 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
     assert (budget.calls, budget.input_tokens) == (done["paid"], done["tokens"]) and done["waits"] > 50
     assert all(done[error] for error in ("DecisionTimeout", "DecisionStopped", "DecisionBudgetExceeded"))
     # Eight threads share the interpreter lock here, and a holder of the bound's lock may wait for
-    # it in turn: no wait stops the loop, but a try can take a few switch intervals (5 ms each).
-    assert max(gaps) < 0.1, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
+    # it in turn: no wait stops the loop, but a try can take a few switch intervals (5 ms each), and
+    # on a busy machine the threads wait for a core as well (the gaps are 10 to 40 ms when idle).
+    assert max(gaps) < 0.2, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
 
 
 @pytest.mark.parametrize("seed", range(3))
