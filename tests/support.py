@@ -3,6 +3,7 @@ interpreter, a fresh copy of the module, the module's plain-Python twin to compa
 held amount that checks each admission."""
 
 import contextlib
+import dataclasses
 import functools
 import importlib
 import importlib.util
@@ -16,16 +17,13 @@ import threading
 NAME = "engines.decision_bounds"
 
 
+@dataclasses.dataclass(eq=False)
 class Reply:
     """A reply as the decision client gives one: what a bound reads of it."""
 
-    def __init__(self, cost=0.0, input_tokens=0, cached=False):
-        self.cost = cost
-        self.input_tokens = input_tokens
-        self.cached = cached
-
-    def __repr__(self):
-        return f"Reply(cost={self.cost!r}, input_tokens={self.input_tokens!r}, cached={self.cached!r})"
+    cost: float = 0.0
+    input_tokens: int = 0
+    cached: bool = False
 
 
 class NoCost:

@@ -70,7 +70,8 @@ def bounds():
     assert settled(budget, daily)
 
 
-def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeypatch):
+@pytest.mark.parametrize("recorded", [True, False], ids=["each admission checked", "standard records"])
+def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeypatch, recorded):
     monkeypatch.setattr(db, "_POLL_S", 0.005)
     done, tally, stop = collections.Counter(), threading.Lock(), threading.Event()
     wait = dba._wait
@@ -81,11 +82,12 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
 
     monkeypatch.setattr(dba, "_wait", counted_wait)
     budget = db.RunBudget(max_calls=600, max_tokens=30_000, should_stop=stop.is_set)
-    # Each admission checked under its owner's lock; a slot beyond the pass's counts as a break.
-    budget._held_tokens, broken = recording_held(
-        lambda: budget.input_tokens if budget.calls + budget.in_flight <= budget.max_calls else math.inf, 30_000)
-    daily = db.DailySpend(5.0, today=lambda: "2031-05-06", ledger=None)
-    daily._held, broken_daily = recording_held(lambda: daily._cost, 5.0)
+    daily, broken, broken_daily = db.DailySpend(5.0, today=lambda: "2031-05-06", ledger=None), [], []
+    if recorded:  # subclasses: the admissions take the step-by-step code
+        # Each admission checked under its owner's lock; a slot beyond the pass's counts as a break.
+        budget._held_tokens, broken = recording_held(
+            lambda: budget.input_tokens if budget.calls + budget.in_flight <= budget.max_calls else math.inf, 30_000)
+        daily._held, broken_daily = recording_held(lambda: daily._cost, 5.0)
 
     def step(rng):  # the shares of one call, the time it is in flight, and how it settles
         tokens = math.inf if rng.random() < 0.1 else rng.choice([10, 60])
@@ -141,8 +143,9 @@ def test_tasks_of_two_loops_and_threads_share_one_budget_and_one_account(monkeyp
     assert (budget.calls, budget.input_tokens) == (done["paid"], done["tokens"]) and done["waits"] > 50
     assert all(done[error] for error in ("DecisionTimeout", "DecisionStopped", "DecisionBudgetExceeded"))
     # Eight threads share the interpreter lock here, and a holder of the bound's lock may wait for
-    # it in turn: no wait stops the loop, but a try can take a few switch intervals (5 ms each).
-    assert max(gaps) < 0.1, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
+    # it in turn: no wait stops the loop, but a try can take a few switch intervals (5 ms each), and
+    # on a busy machine the threads wait for a core as well (the gaps are 10 to 40 ms when idle).
+    assert max(gaps) < 0.2, f"the loop stood still for {max(gaps) * 1e3:.1f} ms"
 
 
 @pytest.mark.parametrize("seed", range(3))

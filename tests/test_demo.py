@@ -20,24 +20,15 @@ def demo(*args):
     return subprocess.run([sys.executable, str(DEMO), *args], capture_output=True, text=True, timeout=120)
 
 
-@pytest.mark.parametrize(
-    "args, named",
-    [
-        (["--threads", "-1"], "--threads"),
-        (["--threads", "0"], "--threads"),
-        (["--threads", "many"], "--threads"),
-        (["--cap", "lots"], "--cap"),
-        (["--cap", "nan"], "--cap"),
-        (["--cap", "-5"], "--cap"),
-        (["--days", "0"], "--days"),
-        (["--deadline", "0"], "--deadline"),
-        (["--ledger", "{tmp}/no/such/folder/ledger.sqlite3"], "ledger"),
-        (["--ledger", "{tmp}"], "ledger"),  # a folder
-        (["--ledger", "{tmp}/not-a-database"], "ledger"),
-        (["--plot", "{tmp}/no/such/folder/spend.png"], "--plot"),
-        (["--plot", "{tmp}/spend.jpg"], "--plot"),
-    ],
-)
+@pytest.mark.parametrize("args, named", [
+    (["--threads", "-1"], "--threads"), (["--threads", "0"], "--threads"), (["--threads", "many"], "--threads"),
+    (["--cap", "lots"], "--cap"), (["--cap", "nan"], "--cap"), (["--cap", "-5"], "--cap"),
+    (["--days", "0"], "--days"), (["--deadline", "0"], "--deadline"),
+    (["--ledger", "{tmp}/no/such/folder/ledger.sqlite3"], "ledger"),
+    (["--ledger", "{tmp}"], "ledger"),  # a folder
+    (["--ledger", "{tmp}/not-a-database"], "ledger"),
+    (["--plot", "{tmp}/no/such/folder/spend.png"], "--plot"), (["--plot", "{tmp}/spend.jpg"], "--plot"),
+])
 def test_bad_option_is_one_line_and_status_2_before_any_work(tmp_path, args, named):
     (tmp_path / "not-a-database").write_text("these are not the ledger's rows\n" * 100)
     before = sorted(p.name for p in tmp_path.iterdir())

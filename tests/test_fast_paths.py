@@ -1,5 +1,6 @@
 """The shortcuts through the standard condition, lock, math.isinf and instance fields: they are
-taken only for the standard objects, and anything else gets the plain calls as before."""
+taken only for the standard objects as start-up left them, and anything else, or anything changed
+since, gets the plain calls as before."""
 
 import threading
 import time
@@ -9,29 +10,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-
-class Recording(threading.Condition):
-    """A condition whose with block and notify_all are seen."""
-
-    def __init__(self, *args):
-        super().__init__(*args)
-        self.calls = []
-
-    def __enter__(self):
-        self.calls.append("enter")
-        return super().__enter__()
-
-    def __exit__(self, *exc):
-        self.calls.append("exit")
-        return super().__exit__(*exc)
-
-    def notify_all(self):
-        self.calls.append("notify_all")
-        super().notify_all()
-
-
-def account():
-    return db.DailySpend(10.0, lambda: "2026-03-01", None)
+from support import run_python, twin
 
 
 def settle_one(daily):
@@ -39,26 +18,20 @@ def settle_one(daily):
     share.settle(types.SimpleNamespace(cost=0.5))
 
 
-@pytest.mark.parametrize("lock", [None, threading.Lock()], ids=["reentrant", "plain"])
-def test_a_condition_of_another_class_gets_its_own_methods(lock):
-    daily = account()
-    daily._changed = Recording(*([lock] if lock else []))
-    settle_one(daily)
-    assert daily._changed.calls == ["enter", "exit", "enter", "notify_all", "exit"]
-    assert daily.spent() == 0.5 and daily._held.holders == 0
-
-
-@pytest.mark.parametrize("where", ["class", "instance"])
-def test_a_notify_all_replaced_on_the_class_or_instance_is_called(monkeypatch, where):
-    daily, seen = account(), []
-    original = threading.Condition.notify_all
-    settle_one(daily)  # found quiet once: a replacement made afterwards must still be seen
-    if where == "class":
-        monkeypatch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or original(self))
-    else:
-        daily._changed.notify_all = lambda: seen.append(daily._changed)
-    settle_one(daily)
-    assert seen == [daily._changed]
+@pytest.mark.parametrize("lock", ["Lock", "RLock"])
+def test_a_standard_condition_over_either_lock_is_left_as_it_was(lock):
+    # Taken and given back as a lock of another kind, the lock would lose its weak references.
+    assert run_python(f"""
+        import gc, threading, weakref
+        import engines.decision_bounds as db
+        daily = db.DailySpend(1.0, lambda: "2026-03-01", None)
+        daily._changed, gone = threading.Condition(threading.{lock}()), []
+        ref = weakref.ref(daily._changed._lock, gone.append)
+        daily.admit(lambda: 1.0, deadline=None, clock=lambda: 0.0, stopping=db.never).settle(None)
+        del daily
+        gc.collect()
+        print(len(gone))
+        """) == "1"
 
 
 def test_making_a_share_runs_what_the_class_has(monkeypatch):
@@ -76,35 +49,28 @@ def test_making_a_share_runs_what_the_class_has(monkeypatch):
     assert made[-1] == "replaced"
 
 
-def test_a_property_added_after_use_is_used():
-    class Later(db._Held):
-        pass
-
-    held = Later()
-    held.take(1.0)  # its fields are plain so far
-    seen = []
-    Later.amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
-    held.give_back(1.0)
-    assert seen == [4.0, 0.0] and held.holders == 0
-
-
-@pytest.mark.parametrize("where", ["subclass", "instance"])
-def test_a_method_replaced_on_a_subclass_or_instance_is_the_one_called(where):
-    seen = []
-
-    class Counted(db._Held):
-        def admits(self, *args):
-            seen.append(args)
-            return super().admits(*args)
-
-    daily = account()
-    if where == "subclass":
-        daily._held = Counted()
-    else:
-        held = daily._held
-        daily._held.admits = lambda *args: seen.append(args) or db._Held.admits(held, *args)
-    settle_one(daily)
-    assert seen == [(1.0, 0.0, 10.0)]
+@pytest.mark.parametrize("change", ["a property of its record's class", "a method of its record's class",
+                                    "a method of its record", "its condition's class", "its condition"])
+def test_an_account_changed_after_use_is_used_as_changed(monkeypatch, change):
+    got, notify_all = [], threading.Condition.notify_all
+    for m in (db, twin()):
+        seen, daily = [], m.DailySpend(10.0, lambda: "2026-03-01", None)
+        held = daily._held = type("Later", (m._Held,), {})() if "record's class" in change else daily._held
+        settle_one(daily)  # its fields and methods are plain so far
+        with monkeypatch.context() as patch:
+            if change == "a property of its record's class":
+                type(held).amount = property(lambda self: 5.0, lambda self, value: seen.append(value))
+            elif change == "a method of its record's class":
+                type(held).admits = lambda self, *args: seen.append(args) or m._Held.admits(self, *args)
+            elif change == "a method of its record":
+                held.admits = lambda *args: seen.append(args) or m._Held.admits(held, *args)
+            elif change == "its condition's class":
+                patch.setattr(threading.Condition, "notify_all", lambda self: seen.append(self) or notify_all(self))
+            else:
+                daily._changed.notify_all = lambda: seen.append(daily._changed)
+            settle_one(daily)
+        got.append([value if type(value) is not threading.Condition else value is daily._changed for value in seen])
+    assert got[0] == got[1] and got[0]
 
 
 def test_keyword_names_made_at_run_time_bind_by_value():
@@ -113,19 +79,3 @@ def test_keyword_names_made_at_run_time_bind_by_value():
     assert held.admits(**dict(zip(names, (1.0, 2.0, 3.0)))) is True
     with pytest.raises(TypeError, match="unexpected keyword argument 'sharex'"):
         held.admits(**{"".join(("share", "x")): 1.0, "used": 2.0, "limit": 3.0})
-
-
-def test_names_rebound_after_use_are_the_ones_used(monkeypatch):
-    budget, daily = db.RunBudget(5, 1000), account()
-    budget.hold(1.0).settle(None)
-    settle_one(daily)  # the standard Share and functools.partial, found and remembered
-
-    class Recording(db.Share):
-        pass
-
-    made = []
-    monkeypatch.setattr(db, "Share", Recording)
-    monkeypatch.setattr(db, "functools", types.SimpleNamespace(partial=lambda *a: made.append(a) or (lambda r: None)))
-    assert type(budget.hold(1.0)) is Recording
-    share = daily.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=db.never)
-    assert type(share) is Recording and made == [(daily._give_back, 1.0)]

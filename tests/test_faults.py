@@ -21,9 +21,7 @@ class Faults:
     """Counts the calls of the caller's callables and raises at the k-th call of one of them."""
 
     def __init__(self, target=None, at=0):
-        self.target, self.at = target, at
-        self.counts = collections.Counter()
-        self.raised = None
+        self.target, self.at, self.counts, self.raised = target, at, collections.Counter(), None
 
     def tick(self, name):
         self.counts[name] += 1
@@ -57,25 +55,19 @@ def quick_polls(monkeypatch):
     monkeypatch.setattr(db, "_POLL_S", 0.002)
 
 
-def budget_scenario(faults, budget):
-    stop_from = [math.inf]
-    budget.should_stop = faults.wrap("should_stop", lambda: faults.counts["should_stop"] >= stop_from[0])
-    with budget.hold(100.0) as share:
-        share.settle(FaultyReply(faults, 0.25, 80))
-    budget.charge(FaultyReply(faults, 0.0, 0, cached=True))
-    with budget.hold(1000.0):  # holds the rest of the tokens: the next call waits until the stop
-        stop_from[0] = faults.counts["should_stop"] + 3
-        with pytest.raises(db.DecisionStopped):
-            budget.reserve(1.0)
-    stop_from[0] = math.inf
-    assert budget.summary()["calls"] >= 1 and not budget.exhausted()
-
-
 def run_budget_case(target, at):
-    faults = Faults(target, at)
-    budget = db.RunBudget(6, 1000)
+    faults, budget, stop_from = Faults(target, at), db.RunBudget(6, 1000), [math.inf]
+    budget.should_stop = faults.wrap("should_stop", lambda: faults.counts["should_stop"] >= stop_from[0])
     try:
-        budget_scenario(faults, budget)
+        with budget.hold(100.0) as share:
+            share.settle(FaultyReply(faults, 0.25, 80))
+        budget.charge(FaultyReply(faults, 0.0, 0, cached=True))
+        with budget.hold(1000.0):  # holds the rest of the tokens: the next call waits until the stop
+            stop_from[0] = faults.counts["should_stop"] + 3
+            with pytest.raises(db.DecisionStopped):
+                budget.reserve(1.0)
+        stop_from[0] = math.inf
+        assert budget.summary()["calls"] >= 1 and not budget.exhausted()
     except Boom as error:
         assert error is faults.raised
     return faults, budget
@@ -105,31 +97,25 @@ def test_run_budget_survives_a_fault(target, at):
     assert budget.in_flight == 0 and budget._held_tokens == db._Held()
 
 
-def daily_scenario(faults, daily, days, clock_now):
-    daily.spent()
+def run_daily_case(target, at):
+    faults, days, now = Faults(target, at), ["2026-11-23"], [0.0]
+    today = faults.wrap("today", lambda: days[-1])
+    daily = db.DailySpend(2.0, today, faults.wrap("ledger", lambda day: 1.0 if day == "2026-11-24" else 0.0))
     bound = faults.wrap("bound", lambda: 0.5)
     stopping = faults.wrap("stopping", lambda: False)
-    clock = faults.wrap("clock", lambda: clock_now.__setitem__(0, clock_now[0] + 0.01) or clock_now[0])
-    with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
-        share.settle(FaultyReply(faults, 0.5, 10))
-    daily.charge(FaultyReply(faults, 0.25, 0))
-    with daily.admit(lambda: math.inf, deadline=None, clock=clock, stopping=stopping):
-        with pytest.raises(db.DecisionTimeout):  # the unbounded share runs alone
-            daily.admit(bound, deadline=clock_now[0] + 0.03, clock=clock, stopping=stopping)
-    with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
-        days.append("2026-11-24")  # settled after midnight: counted on the new day
-        share.settle(FaultyReply(faults, 0.125, 10))
-    assert daily.spent() == 1.125
-
-
-def run_daily_case(target, at):
-    faults = Faults(target, at)
-    days = ["2026-11-23"]
-    today = faults.wrap("today", lambda: days[-1])
-    ledger = faults.wrap("ledger", lambda day: 1.0 if day == "2026-11-24" else 0.0)
-    daily = db.DailySpend(2.0, today, ledger)
+    clock = faults.wrap("clock", lambda: now.__setitem__(0, now[0] + 0.01) or now[0])
     try:
-        daily_scenario(faults, daily, days, [0.0])
+        daily.spent()
+        with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
+            share.settle(FaultyReply(faults, 0.5, 10))
+        daily.charge(FaultyReply(faults, 0.25, 0))
+        with daily.admit(lambda: math.inf, deadline=None, clock=clock, stopping=stopping):
+            with pytest.raises(db.DecisionTimeout):  # the unbounded share runs alone
+                daily.admit(bound, deadline=now[0] + 0.03, clock=clock, stopping=stopping)
+        with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
+            days.append("2026-11-24")  # settled after midnight: counted on the new day
+            share.settle(FaultyReply(faults, 0.125, 10))
+        assert daily.spent() == 1.125
     except Boom as error:
         assert error is faults.raised
     return faults, daily
@@ -154,21 +140,17 @@ def test_every_callback_is_reached_by_the_scenarios():
     assert set(daily_faults.counts) == {"today", "ledger", "bound", "stopping", "clock", "cost"}
 
 
-def interrupt_while_waiting(wait, give_back):
-    """Interrupts the main thread while `wait()` waits; `give_back` ends the wait if the interrupt
-    is lost, so that the test fails instead of hanging."""
-    interrupt = threading.Timer(0.2, _thread.interrupt_main)
-    rescue = threading.Timer(10.0, give_back)
-    interrupt.start()
-    rescue.start()
-    try:
-        with pytest.raises(KeyboardInterrupt):
-            wait()
-    finally:
-        interrupt.cancel()
-        rescue.cancel()
-        interrupt.join(5)
-        rescue.join(5)
+@pytest.mark.parametrize("field", ["cost", "input_tokens"])
+def test_request_rates_survive_a_fault(field):
+    rates, faults = db.RequestRates(), Faults(field, 1)
+    with pytest.raises(Boom):
+        rates.learn(10, "a", FaultyReply(faults, 0.5, 7))
+    # What was done before the fault stays done: the feature, and the cost when the tokens failed.
+    assert rates._features == {"a"} and rates._cost.per_call == (0.5 if field == "input_tokens" else 0.0)
+    assert not rates._lock.locked()
+    with pytest.raises(TypeError):
+        rates.cost(10, ["unhashable"])
+    assert not rates._lock.locked()
 
 
 @pytest.mark.parametrize("owner", ["budget", "daily"])
@@ -176,14 +158,23 @@ def test_keyboard_interrupt_while_waiting(monkeypatch, owner):
     monkeypatch.setattr(db, "_POLL_S", 0.1)
     if owner == "budget":
         bound = db.RunBudget(5, 100)
-        share, held = bound.hold(100.0), lambda: bound._held_tokens
-        wait = lambda: bound.reserve(1.0)  # noqa: E731
+        share, held, wait = bound.hold(100.0), lambda: bound._held_tokens, lambda: bound.reserve(1.0)
     else:
         bound = db.DailySpend(1.0, lambda: "2026-11-23", None)
         share = bound.admit(lambda: math.inf, deadline=None, clock=lambda: 0.0, stopping=db.never)
         held = lambda: bound._held  # noqa: E731
         wait = lambda: bound.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never)  # noqa: E731
-    interrupt_while_waiting(wait, lambda: share.settle(None))
+    # Should the interrupt be lost, the share given back ends the wait: the test fails, not hangs.
+    timers = [threading.Timer(0.2, _thread.interrupt_main), threading.Timer(10.0, share.settle, (None,))]
+    for timer in timers:
+        timer.start()
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            wait()
+    finally:
+        for timer in timers:
+            timer.cancel()
+            timer.join(5)
     assert lock_is_free(bound._changed) and held().holders == 1
     share.settle(None)
     assert held() == db._Held()

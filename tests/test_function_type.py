@@ -1,4 +1,6 @@
+import copy
 import inspect
+import pickle
 import threading
 import types
 import typing
@@ -6,13 +8,6 @@ import typing
 import pytest
 
 from engines import decision_bounds as db
-
-
-def resolve(path):
-    obj = db
-    for part in path.split("."):
-        obj = vars(obj)[part] if isinstance(obj, type) else getattr(obj, part)
-    return obj
 
 
 # What each function looks like to its callers: its parameters and annotations, written as in a
@@ -111,10 +106,16 @@ def reference(path, params):
     return function
 
 
-@pytest.mark.parametrize("path", FUNCTIONS)
+# The module's functions by qualified name, each of which the table must have.
+FOUND = {v.__qualname__: v for c in (db, db.Share, db._Held, db.RunBudget, db.DailySpend, db.RequestRates, db._Charges)
+         for v in vars(c).values() if type(v) is type(db.never)}
+
+
+@pytest.mark.parametrize("path", FOUND)
 def test_looks_like_a_python_function(path):
+    assert set(FOUND) == set(FUNCTIONS)  # the table has every function, and only those
     params, doc = FUNCTIONS[path]
-    function, python = resolve(path), reference(path, params)
+    function, python = FOUND[path], reference(path, params)
     assert inspect.signature(function) == inspect.signature(python)
     assert (function.__name__, function.__qualname__, function.__module__) == (
         path.rsplit(".", 1)[-1], path, db.__name__)
@@ -124,13 +125,9 @@ def test_looks_like_a_python_function(path):
     # The texts resolve in the module's namespace, as for a function written in Python.
     assert set(typing.get_type_hints(function)) == set(python.__annotations__)
     inspect.signature(function, eval_str=True)
-    assert repr(function).startswith(f"<function {path} at 0x")
-
-
-def test_the_table_has_every_function():
-    classes = (db.Share, db._Held, db.RunBudget, db.DailySpend, db.RequestRates, db._Charges)
-    assert {v.__qualname__ for c in (db, *classes) for v in vars(c).values() if type(v) is type(db.never)} == set(
-        FUNCTIONS)
+    assert repr(function).startswith(f"<function {path} at 0x") and function.__type_params__ == ()
+    assert pickle.loads(pickle.dumps(function)) is function  # by reference, as a Python function
+    assert copy.copy(function) is function and copy.deepcopy(function) is function
 
 
 # Calls whose binding fails must fail exactly as they would for a Python function.
@@ -142,9 +139,9 @@ CALLS = [
 ]
 
 
-@pytest.mark.parametrize("path", FUNCTIONS)
+@pytest.mark.parametrize("path", FOUND)
 def test_argument_errors_match_python(path):
-    function = resolve(path)
+    function = FOUND[path]
     python = reference(path, FUNCTIONS[path][0])
     checked = 0
     for args, kwargs in CALLS:
@@ -156,6 +153,14 @@ def test_argument_errors_match_python(path):
             assert str(native.value) == str(error), (args, kwargs)
             checked += 1
     assert checked >= 5
+
+
+def test_each_hold_makes_a_give_back_of_its_own():
+    budget = db.RunBudget(5, 1000)
+    give_back = budget.hold(1.0)._give_back
+    assert give_back is not budget.hold(2.0)._give_back and give_back.__doc__ is None
+    assert (give_back.__name__, give_back.__qualname__, str(inspect.signature(give_back))) == (
+        "give_back", "RunBudget.hold.<locals>.give_back", "(reply: 'PaidReply | None') -> 'None'")
 
 
 def test_binds_as_a_method():

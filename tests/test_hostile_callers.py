@@ -192,12 +192,10 @@ def test_a_module_that_pooled_a_share_is_freed_once_dropped():
     assert (run.returncode, run.stdout, run.stderr) == (0, "0\n", "")
 
 
-class Callback:
-    def __init__(self):
-        self.calls = []
+class Callback(list):
+    """A give-back that keeps the replies it is given."""
 
-    def __call__(self, reply):
-        self.calls.append(reply)
+    __call__ = list.append
 
 
 def test_a_share_made_later_calls_its_own_callback_once(db):
@@ -216,7 +214,7 @@ def test_a_share_made_later_calls_its_own_callback_once(db):
     for share, callback in later:
         share.settle("paid")
         share.settle("again")
-    assert [callback.calls for _, callback in later] == [["paid"]] * 5
+    assert [callback for _, callback in later] == [["paid"]] * 5
 
 
 @pytest.mark.parametrize("settled", [True, False])
@@ -268,11 +266,14 @@ def daily_spend(m, today=lambda: "2026-11-23"):
 
 WITH = {
     "RequestRates.learn": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.learn(10, "a", NoCost())),
+    "RequestRates.cost": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.cost(10, "a")),
+    "RequestRates.tokens": (lambda m: swallowing(m.RequestRates(), "_lock"), lambda r: r.tokens(10)),
     "RunBudget.charge": (lambda m: swallowing(m.RunBudget(5, 100), "_changed"), lambda b: b.charge(NoCost(), 1.0)),
     "RunBudget.reserve": (lambda m: swallowing(m.RunBudget(5, 100), "_changed"), lambda b: b.reserve(1.0)),
     "DailySpend.spent": (daily_spend, lambda d: d.spent()),
     "DailySpend.charge": (lambda m: daily_spend(m, failing), lambda d: d.charge(Reply(1.0))),
     "DailySpend.admit": (daily_spend, lambda d: d.admit(failing, deadline=None, clock=failing, stopping=failing)),
+    "DailySpend._give_back": (daily_spend, lambda d: d._give_back(1.0, Reply(0.5))),
 }
 
 

@@ -1,11 +1,12 @@
 """Details in which the module must be what the same module written in Python is: the order in which
-it reads and writes attributes, how its functions pickle and copy, and the frames that its
-exceptions carry. Each is compared with the module's plain-Python twin."""
+it reads and writes attributes, how its shares pickle and copy, and the frames that its exceptions
+carry. Each is compared with the module's plain-Python twin."""
 
 import copy
 import logging
 import math
 import pickle
+import sys
 import threading
 import traceback
 from functools import partial
@@ -107,7 +108,8 @@ def budget(m, max_calls=5, stops=(False,), held_tokens=()):
 
 def daily(m, ledger=None, held_amounts=(), started=True):
     d = recording(m.DailySpend, "daily")(10.0, called("today", "2026-11-23"), ledger)
-    d._held = held(m, *held_amounts)
+    # Its condition's `with` block reads `_lock`: the log shows what is done under the lock.
+    d._held, d._changed = held(m, *held_amounts), recording(threading.Condition, "changed")()
     if started:
         d.spent()
     return d
@@ -136,8 +138,8 @@ def hold(m):
     return b, b.hold(10.0)
 
 
-def wait(m, now):
-    return partial(m._wait, recording(threading.Condition, "changed")(), called("stopping", False), deadline=1.0,
+def wait(m, now, stop=False):
+    return partial(m._wait, recording(threading.Condition, "changed")(), called("stopping", stop), deadline=1.0,
                    clock=called("clock", now))
 
 
@@ -153,6 +155,8 @@ CASES = {
     "_Held.give_back": lambda m: partial(held(m, 3.0, 1.0).give_back, 3.0),
     "_Held.give_back-last": lambda m: partial(held(m, math.inf).give_back, math.inf),
     "_wait-late": lambda m: wait(m, 1.5),
+    "_wait-now": lambda m: wait(m, 1.0),  # a deadline of exactly now has passed
+    "_wait-stopped": lambda m: wait(m, 0.0, stop=True),  # the clock is not read
     "_wait": lambda m: wait(m, 0.999),  # without the lock: refused
     "_Charges.bound": lambda m: partial(charges(m).bound, 300),
     "_Charges.learn": lambda m: partial(charges(m).learn, 10, 0.25),
@@ -221,18 +225,6 @@ def test_reads_and_writes_in_the_order_of_python(namespaces_kept, monkeypatch, c
     assert got[0] == got[1]
 
 
-FUNCTIONS = {v.__qualname__: v for owner in (db, db.Share, db._Held, db._Charges, db.RequestRates, db.RunBudget,
-                                             db.DailySpend) for v in vars(owner).values() if type(v) is type(db.never)}
-
-
-@pytest.mark.parametrize("name", FUNCTIONS)
-def test_a_function_pickles_and_copies_as_itself(name):
-    function = FUNCTIONS[name]
-    assert pickle.loads(pickle.dumps(function)) is function
-    assert copy.copy(function) is function and copy.deepcopy(function) is function
-    assert function.__type_params__ == ()
-
-
 def copied_share(m, copier):
     share = copier(m.Share())
     return type(share) is m.Share and vars(share) == {"_give_back": m._nothing}
@@ -243,6 +235,7 @@ def test_shares_and_their_give_backs_copy_and_pickle_as_in_python():
     for m in (db, twin()):
         give_back = m.RunBudget(5, 100).hold(1.0)._give_back
         got.append([outcome(lambda: copied_share(m, copy.copy)), outcome(lambda: copied_share(m, copy.deepcopy)),
+                    outcome(lambda: copied_share(m, lambda share: pickle.loads(pickle.dumps(share)))),
                     outcome(lambda: copy.copy(give_back) is give_back), outcome(lambda: pickle.dumps(give_back))])
     assert got[0] == got[1]
 
@@ -280,7 +273,10 @@ def test_the_unreadable_ledgers_warning_shows_where_it_failed():
         handler.emit = records.append
         m.logger.addHandler(handler)
         try:
+            raise LookupError
+        except LookupError as handled:
             m.DailySpend(1.0, lambda: "2026-11-23", lambda day: None).spent()  # float(None) fails
+            assert sys.exc_info()[1] is handled  # the ledger's error was the one handled only while logged
         finally:
             m.logger.removeHandler(handler)
         tracebacks.append(records[0].exc_info[2])

@@ -1,11 +1,14 @@
+import dataclasses
 import inspect
+import logging
+import re
 import typing
 
 import pytest
 
 from engines import decision_bounds as db
 
-from support import run_python
+from support import run_python, twin
 
 MODULE_DOC = (
     'The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a\n'
@@ -44,23 +47,54 @@ IMPORT_SYSTEM = {"__name__", "__doc__", "__package__", "__loader__", "__spec__",
 
 def test_module_namespace_and_values():
     assert [n for n in vars(db) if n not in IMPORT_SYSTEM] == NAMESPACE and not hasattr(db, "__all__")
-    import __future__
-    import collections.abc
-    import dataclasses
-    import functools
-    import logging
-    import math
-    import threading
-
     assert db.__doc__ == MODULE_DOC
     assert type(db._POLL_S) is float and db._POLL_S == 0.1
     assert db.logger is logging.getLogger(db.__name__) and db.logger.name == "engines.decision_bounds"
-    standard = {
-        "annotations": __future__.annotations, "functools": functools, "logging": logging, "math": math,
-        "threading": threading, "Callable": collections.abc.Callable, "dataclass": dataclasses.dataclass,
-        "field": dataclasses.field, "Any": typing.Any, "Protocol": typing.Protocol,
-    }
-    assert all(getattr(db, name) is value for name, value in standard.items())
+    # The standard names it imports are the objects the twin imports, and typing's.
+    imported = ["annotations", "functools", "logging", "math", "threading", "Callable", "dataclass", "field"]
+    assert all(getattr(db, name) is getattr(twin(), name) for name in imported)
+    assert db.Any is typing.Any and db.Protocol is typing.Protocol
+
+
+CLASSES = {  # each class, what makes an instance, and its docstring
+    "Share": ((), None),
+    "_Held": ((), None),
+    "_Charges": ((), "The most one measure of the paid replies came to: for one call, and per request byte."),
+    "RequestRates": ((), (
+        "What a request may cost, in USD and in input tokens, before its reply says.\n\n    Its cost is held at the "
+        "most a paid call has cost, of any feature, once its feature has had a\n    paid reply, and is not known "
+        "(infinite) before: a cheap feature's replies do not bound the\n    first call of a dear one, which runs "
+        "alone. Its input tokens grow with its bytes whatever its\n    feature, and are not known before the first "
+        "paid reply.\n    ")),
+    "RunBudget": ((3, 1000), (
+        "Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and\n    the tokens "
+        "it may use from :meth:`hold` until its share settles (:meth:`charge` or\n    :meth:`release`); cache hits "
+        "are free. Once ``should_stop`` says so, no call and no retry\n    starts.")),
+    "DailySpend": ((1.0, str, None), (
+        "What the paid calls of each UTC day cost against ``kel.daily_cost_cap_usd``, and what the\n    calls in "
+        "flight hold of it. A day starts from what the ledger says it has cost so far. The calls\n    in flight "
+        "hold their shares across midnight: each is counted on the day it settles.")),
+}
+
+
+def shown(value):
+    """A repr without addresses, the twin's module named as the module."""
+    return re.sub(r" at 0x[0-9a-f]+", "", repr(value)).replace(twin().__name__, db.__name__)
+
+
+@pytest.mark.parametrize("name", CLASSES)
+def test_a_class_is_laid_out_as_its_twin(name):
+    args, doc = CLASSES[name]
+    if doc is not None:
+        assert getattr(db, name).__doc__ == doc
+    got = []
+    for m in (db, twin()):
+        cls, obj = getattr(m, name), getattr(m, name)(*args)
+        fields = dataclasses.fields(cls) if dataclasses.is_dataclass(cls) else ()
+        got.append(([base.__name__ for base in cls.__bases__], [k for k, v in vars(cls).items() if callable(v)],
+                    shown(vars(cls).get("__annotations__")), shown(obj), [(k, shown(v)) for k, v in vars(obj).items()],
+                    [(f.name, f.type, shown(f.default), shown(f.default_factory), f.repr, f.compare) for f in fields]))
+    assert got[0] == got[1]
 
 
 ERRORS = [
@@ -102,33 +136,26 @@ def test_paid_reply_is_a_protocol_of_three_read_only_properties():
     assert (bare.cached, bare.input_tokens, bare.cost) == (None, None, None)
 
 
-@pytest.mark.parametrize(
-    "blocked", ["functools", "logging", "math", "threading", "collections.abc", "dataclasses", "typing", "__future__"]
-)
-def test_a_failing_standard_import_fails_the_import_unchanged(blocked):
-    assert run_python(f"""
-        import sys
-        import engines.decision_bounds  # built and found once, so only the blocked import differs
-        del sys.modules["engines.decision_bounds"]
-        sys.modules[{blocked!r}] = None
-        try:
-            import engines.decision_bounds
-        except ImportError as error:
-            print(type(error).__name__, error, "engines.decision_bounds" in sys.modules)
-        """) == f"ModuleNotFoundError import of {blocked} halted; None in sys.modules False"
-
-
-def test_an_exception_at_start_up_passes_through_unchanged():
-    assert run_python("""
+@pytest.mark.parametrize("blocked", [
+    "functools", "logging", "math", "threading", "collections.abc", "dataclasses", "typing", "__future__", None])
+def test_a_failure_at_start_up_fails_the_import_unchanged(blocked):
+    # A standard import that fails, or (None) the dataclass decorator raising: it comes out as it was.
+    out = run_python(f"""
         import sys, dataclasses
-        import engines.decision_bounds
+        import engines.decision_bounds  # built and found once, so only the failure differs
         del sys.modules["engines.decision_bounds"]
         marker = ValueError("no dataclasses today")
         def refuse(cls):
             raise marker
-        dataclasses.dataclass = refuse
+        if {blocked!r} is None:
+            dataclasses.dataclass = refuse
+        else:
+            sys.modules[{blocked!r}] = None
         try:
             import engines.decision_bounds
-        except ValueError as error:
-            print(error is marker, error.__cause__, "engines.decision_bounds" in sys.modules)
-        """) == "True None False"
+        except Exception as error:
+            print(type(error).__name__, error is marker or error, error.__cause__,
+                  "engines.decision_bounds" in sys.modules)
+        """)
+    raised = f"ModuleNotFoundError import of {blocked} halted; None in sys.modules" if blocked else "ValueError True"
+    assert out == raised + " None False"
