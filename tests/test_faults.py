@@ -3,6 +3,7 @@ is free afterwards, nothing is held that no call holds, and the object keeps wor
 
 import _thread
 import collections
+import contextlib
 import math
 import threading
 
@@ -55,6 +56,18 @@ def quick_polls(monkeypatch):
     monkeypatch.setattr(db, "_POLL_S", 0.002)
 
 
+@contextlib.contextmanager
+def rescued(share):
+    """Gives `share` back after 10 s, should the wait in the block not end: the test fails, not hangs."""
+    rescue = threading.Timer(10.0, share.settle, (None,))
+    rescue.start()
+    try:
+        yield
+    finally:
+        rescue.cancel()
+        rescue.join(5)
+
+
 def run_budget_case(target, at):
     faults, budget, stop_from = Faults(target, at), db.RunBudget(6, 1000), [math.inf]
     budget.should_stop = faults.wrap("should_stop", lambda: faults.counts["should_stop"] >= stop_from[0])
@@ -62,9 +75,9 @@ def run_budget_case(target, at):
         with budget.hold(100.0) as share:
             share.settle(FaultyReply(faults, 0.25, 80))
         budget.charge(FaultyReply(faults, 0.0, 0, cached=True))
-        with budget.hold(1000.0):  # holds the rest of the tokens: the next call waits until the stop
+        with budget.hold(1000.0) as rest:  # holds the rest of the tokens: the next call waits until the stop
             stop_from[0] = faults.counts["should_stop"] + 3
-            with pytest.raises(db.DecisionStopped):
+            with pytest.raises(db.DecisionStopped), rescued(rest):
                 budget.reserve(1.0)
         stop_from[0] = math.inf
         assert budget.summary()["calls"] >= 1 and not budget.exhausted()
@@ -74,27 +87,27 @@ def run_budget_case(target, at):
 
 
 def cases(run):
-    """Each call of each callable that the fault-free run makes."""
+    """Each call of each callable that the fault-free run makes (run by the tests, not at collection:
+    a module that hangs or fails there would stop the whole suite)."""
     faults, _ = run(None, 0)
     return [(name, k) for name, count in faults.counts.items() for k in range(1, count + 1)]
 
 
-@pytest.mark.parametrize("target, at", cases(run_budget_case))
-def test_run_budget_survives_a_fault(target, at):
-    faults, budget = run_budget_case(target, at)
-    assert faults.raised is not None
-    assert lock_is_free(budget._changed)
-    # A paid reply whose `cached` cannot be read fails its charge before anything is counted: its
-    # slot and tokens stay in flight. Every other fault leaves nothing held.
-    stuck = target == "cached" and at == 1
-    assert budget.in_flight == (1 if stuck else 0)
-    assert budget._held_tokens == (db._Held(1, 100.0, 0) if stuck else db._Held())
-    if stuck:
-        budget.release(100.0)
-    budget.should_stop = db.never  # the scenario's stop may have been left armed by the fault
-    with budget.hold(10.0) as share:
-        share.settle(Reply(0.5, 7))
-    assert budget.in_flight == 0 and budget._held_tokens == db._Held()
+def test_run_budget_survives_a_fault_at_each_call_of_each_callback():
+    for target, at in cases(run_budget_case):
+        faults, budget = run_budget_case(target, at)
+        assert faults.raised is not None and lock_is_free(budget._changed), (target, at)
+        # A paid reply whose `cached` cannot be read fails its charge before anything is counted:
+        # its slot and tokens stay in flight. Every other fault leaves nothing held.
+        stuck = target == "cached" and at == 1
+        assert budget.in_flight == (1 if stuck else 0), (target, at)
+        assert budget._held_tokens == (db._Held(1, 100.0, 0) if stuck else db._Held()), (target, at)
+        if stuck:
+            budget.release(100.0)
+        budget.should_stop = db.never  # the scenario's stop may have been left armed by the fault
+        with budget.hold(10.0) as share:
+            share.settle(Reply(0.5, 7))
+        assert budget.in_flight == 0 and budget._held_tokens == db._Held(), (target, at)
 
 
 def run_daily_case(target, at):
@@ -109,8 +122,8 @@ def run_daily_case(target, at):
         with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
             share.settle(FaultyReply(faults, 0.5, 10))
         daily.charge(FaultyReply(faults, 0.25, 0))
-        with daily.admit(lambda: math.inf, deadline=None, clock=clock, stopping=stopping):
-            with pytest.raises(db.DecisionTimeout):  # the unbounded share runs alone
+        with daily.admit(lambda: math.inf, deadline=None, clock=clock, stopping=stopping) as alone:
+            with pytest.raises(db.DecisionTimeout), rescued(alone):  # the unbounded share runs alone
                 daily.admit(bound, deadline=now[0] + 0.03, clock=clock, stopping=stopping)
         with daily.admit(bound, deadline=None, clock=clock, stopping=stopping) as share:
             days.append("2026-11-24")  # settled after midnight: counted on the new day
@@ -121,16 +134,14 @@ def run_daily_case(target, at):
     return faults, daily
 
 
-@pytest.mark.parametrize("target, at", cases(run_daily_case))
-def test_daily_spend_survives_a_fault(target, at):
-    faults, daily = run_daily_case(target, at)
-    assert faults.raised is not None
-    assert lock_is_free(daily._changed)
-    assert daily._held == db._Held()
-    spent = daily.spent()
-    with daily.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never) as share:
-        share.settle(Reply(0.1))
-    assert daily.spent() == pytest.approx(spent + 0.1) and daily._held == db._Held()
+def test_daily_spend_survives_a_fault_at_each_call_of_each_callback():
+    for target, at in cases(run_daily_case):
+        faults, daily = run_daily_case(target, at)
+        assert faults.raised is not None and lock_is_free(daily._changed) and daily._held == db._Held(), (target, at)
+        spent = daily.spent()
+        with daily.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never) as share:
+            share.settle(Reply(0.1))
+        assert daily.spent() == pytest.approx(spent + 0.1) and daily._held == db._Held(), (target, at)
 
 
 def test_every_callback_is_reached_by_the_scenarios():
@@ -164,17 +175,14 @@ def test_keyboard_interrupt_while_waiting(monkeypatch, owner):
         share = bound.admit(lambda: math.inf, deadline=None, clock=lambda: 0.0, stopping=db.never)
         held = lambda: bound._held  # noqa: E731
         wait = lambda: bound.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=db.never)  # noqa: E731
-    # Should the interrupt be lost, the share given back ends the wait: the test fails, not hangs.
-    timers = [threading.Timer(0.2, _thread.interrupt_main), threading.Timer(10.0, share.settle, (None,))]
-    for timer in timers:
-        timer.start()
+    interrupt = threading.Timer(0.2, _thread.interrupt_main)
+    interrupt.start()
     try:
-        with pytest.raises(KeyboardInterrupt):
+        with pytest.raises(KeyboardInterrupt), rescued(share):
             wait()
     finally:
-        for timer in timers:
-            timer.cancel()
-            timer.join(5)
+        interrupt.cancel()
+        interrupt.join(5)
     assert lock_is_free(bound._changed) and held().holders == 1
     share.settle(None)
     assert held() == db._Held()
