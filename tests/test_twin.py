@@ -128,8 +128,9 @@ def test_daily_spend(operations, cap, ledger):
     def apply(m, daily, operation):
         name, *args = operation
         if name == "admit":
-            # A call that would wait is stopped at once: `stopping` is only asked before a wait.
-            share = daily.admit(lambda: args[0], deadline=None, clock=lambda: 0.0, stopping=lambda: True)
+            # A call that would wait is stopped at once: `stopping` is only asked before a wait, and
+            # before the deadline, which has passed too (so that a missed stop test cannot hang).
+            share = daily.admit(lambda: args[0], deadline=0.0, clock=lambda: 1.0, stopping=lambda: True)
             shares.setdefault(m, []).append(share)
             return share
         if name == "settle":
