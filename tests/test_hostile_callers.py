@@ -4,6 +4,7 @@ runs on the module and on its plain-Python twin, which must come out the same.""
 
 import gc
 import math
+import re
 import weakref
 
 import pytest
@@ -321,3 +322,68 @@ DETACHED = {  # the object, and what runs with the number type that replaces its
 def test_writes_go_to_the_dict_the_object_has_then(db, case):
     got = compared(db, *DETACHED[case])
     assert got[0] == got[1]
+
+
+# Objects that keep their attributes in their inline values (nobody asked for their dict), changed
+# midway by plain attribute stores and deletions, which leave them there.
+def storing(kind, method, action):
+    """A number of `kind` whose `method` runs `action()` before doing what `kind` does."""
+    def run(self, *args):
+        action()
+        return getattr(kind, method)(kind(self), *args)
+
+    return type("Storing", (kind,), {method: run})
+
+
+def settle_shadowed(m):
+    s = m.Share(m._nothing)
+    s.settle = lambda reply: CALLED.append(("own settle", reply))
+    return s
+
+
+def settle_shadowed_elsewhere(m):
+    other = m.Share(m._nothing)
+    other.settle = lambda reply: CALLED.append(("other's settle", reply))
+    CALLED.append(other)  # keeps it, and its key among the class's instances'
+    return m.Share(lambda reply: CALLED.append(("give-back", reply)))
+
+
+CALLED = []
+
+IN_PLACE = {  # the object, and what runs, changing it midway
+    "_Held.give_back-store": (two_held, lambda h: h.give_back(storing(float, "__rsub__", lambda: setattr(h, "holders", 7))(2.0))),
+    "_Held.take-delete": (two_held, lambda h: h.take(storing(float, "__radd__", lambda: delattr(h, "holders"))(1.0))),
+    "_Charges.learn-store": (lambda m: m._Charges(),
+                             lambda c: c.learn(2, storing(float, "__truediv__", lambda: setattr(c, "per_call", 99.0))(4.0))),
+    "RunBudget.charge-delete": (lambda m: m.RunBudget(5, 100),
+                                lambda b: b.charge(Reply(0.5, storing(int, "__radd__", lambda: delattr(b, "cost"))(7)))),
+    "Share.__exit__-shadowed": (settle_shadowed, lambda s: s.__exit__(None, None, None)),
+    "Share.__exit__-shadowed-elsewhere": (settle_shadowed_elsewhere, lambda s: s.__exit__(None, None, None)),
+}
+
+
+@pytest.mark.parametrize("case", IN_PLACE)
+def test_changes_to_an_objects_own_attributes_midway(db, case):
+    make, run = IN_PLACE[case]
+    got = []
+    for m in (db, twin()):
+        CALLED.clear()
+        obj = make(m)
+        result = outcome(lambda: run(obj))
+        left = re.sub(r" at 0x[0-9a-f]+", "", str(fields(obj)))  # the functions, not their addresses
+        got.append((result, [c for c in CALLED if isinstance(c, tuple)], left))
+    CALLED.clear()
+    assert got[0] == got[1]
+
+
+def test_a_class_whose_first_instance_set_its_fields_in_another_order():
+    with fresh_module() as module:
+        got = []
+        for m in (module, twin()):
+            first = m._Held.__new__(m._Held)
+            first.unbounded, first.amount, first.holders = 0, 0.0, 0
+            h = m._Held()
+            steps = (lambda: h.take(2.0), lambda: h.take(3.0), lambda: h.admits(math.inf, 1.0, 10.0),
+                     lambda: h.give_back(2.0))
+            got.append([outcome(step) for step in steps] + [fields(h)])
+        assert got[0] == got[1]

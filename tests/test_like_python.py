@@ -3,6 +3,7 @@ it reads and writes attributes, how its shares pickle and copy, and the frames t
 carry. Each is compared with the module's plain-Python twin."""
 
 import copy
+import gc
 import logging
 import math
 import pickle
@@ -238,6 +239,24 @@ def test_shares_and_their_give_backs_copy_and_pickle_as_in_python():
                     outcome(lambda: copied_share(m, lambda share: pickle.loads(pickle.dumps(share)))),
                     outcome(lambda: copy.copy(give_back) is give_back), outcome(lambda: pickle.dumps(give_back))])
     assert got[0] == got[1]
+
+
+def kept_as_python_keeps_them(m):
+    """What the collector sees each object refer to after a paid call's road: its attributes (kept
+    in place) or an attribute dict that something asked for."""
+    rates, budget, daily = m.RequestRates(), m.RunBudget(5, 1000), m.DailySpend(10.0, lambda: "2026-11-23", None)
+    with budget.hold(rates.tokens(100)) as share:
+        daily.admit(partial(rates.cost, 100, "a"), deadline=None, clock=failing, stopping=failing).settle(Reply(0.5, 40))
+        share.settle(Reply(0.5, 40))
+    rates.learn(100, "a", Reply(0.5, 40))
+    budget.reserve(1.0)
+    budget.charge(Reply(0.25, 10), 1.0)
+    return [sorted(type(referent).__name__ for referent in gc.get_referents(obj))
+            for obj in (rates, rates._cost, budget, budget._held_tokens, daily, daily._held, share)]
+
+
+def test_objects_keep_their_attributes_where_python_keeps_them():
+    assert kept_as_python_keeps_them(db) == kept_as_python_keeps_them(twin())
 
 
 def frames(m, run):

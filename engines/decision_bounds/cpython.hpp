@@ -12,6 +12,59 @@ namespace decision_bounds::cpython {
 // when its class gives it none. The records read their fields straight from that dict.
 inline PyObject** dict_slot(PyObject* object) { return _PyObject_GetDictPtr(object); }
 
+// Inline values. An instance of a class with `Py_TPFLAGS_MANAGED_DICT` keeps, three words before
+// itself, either its attribute dict or, until something asks for that dict, a pointer to an array
+// of its attribute values, marked by its lowest bit. The array's slots follow the keys that all
+// instances of the class share (`ht_cached_keys`): keys are only ever appended there, so a key keeps
+// its slot for the life of the class. Python's own attribute loads and stores use these slots in
+// place, and the interpreter specialises method calls only on objects that still have them; the
+// records do the same rather than make the dict. Start-up checks all of this on a class of its own
+// (`values_are_laid_out`, record.cpp) before anything is read so.
+inline PyObject* dict_or_values(PyObject* object) { return reinterpret_cast<PyObject**>(object)[-3]; }
+// The values that the word above points to, or null when it holds a dict (or nothing).
+inline PyObject** values_of(PyObject* word) {
+    auto bits = reinterpret_cast<uintptr_t>(word);
+    return (bits & 1) != 0 ? reinterpret_cast<PyObject**>(bits + 1) : nullptr;
+}
+
+// The shared keys as 3.12 lays them out: a header, a hash index, then (key, value) entries.
+struct SharedKeys {
+    Py_ssize_t refcount;
+    uint8_t log2_size;
+    uint8_t log2_index_bytes;
+    uint8_t kind;  // 2: split, the kind of keys that a class shares
+    uint32_t version;
+    Py_ssize_t usable;
+    Py_ssize_t entries;  // how many keys there are: the slots used so far
+    // the hash index follows, then the entries
+};
+inline constexpr uint8_t split_keys = 2;
+inline const SharedKeys* shared_keys(PyTypeObject* type) {
+    return reinterpret_cast<const SharedKeys*>(reinterpret_cast<PyHeapTypeObject*>(type)->ht_cached_keys);
+}
+// The key of slot `index` (below `keys->entries`): an exact `str`.
+inline PyObject* shared_key(const SharedKeys* keys, Py_ssize_t index) {
+    const char* entries = reinterpret_cast<const char*>(keys + 1) + (size_t{1} << keys->log2_index_bytes);
+    return reinterpret_cast<PyObject* const*>(entries)[2 * index];
+}
+
+// The slot of `key`, an interned `str`, among `keys` (tried first at `expected`), or -1 when it has
+// none. The keys are exact `str` with their hash kept, so comparing them runs no code.
+inline Py_ssize_t slot_of(const SharedKeys* keys, PyObject* key, Py_ssize_t expected) {
+    if (expected >= 0 && expected < keys->entries && shared_key(keys, expected) == key) {
+        return expected;
+    }
+    Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(key)->hash;
+    for (Py_ssize_t slot = 0; slot < keys->entries; ++slot) {
+        PyObject* found = shared_key(keys, slot);
+        if (found == key || (PyUnicode_CheckExact(found) && reinterpret_cast<PyASCIIObject*>(found)->hash == hash &&
+                             PyUnicode_Compare(found, key) == 0)) {
+            return slot;
+        }
+    }
+    return -1;
+}
+
 // `type`'s attribute `name` from its method resolution order, without running any code (the
 // interpreter's own lookup, with its cache); borrowed, or null.
 inline PyObject* type_lookup(PyTypeObject* type, PyObject* name) { return _PyType_Lookup(type, name); }

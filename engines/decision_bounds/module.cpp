@@ -159,6 +159,7 @@ void start_up(PyObject* module) {
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
     bind(module, "_POLL_S", real(0.1));
     find_standard_locks(module);
+    standard.values_laid_out = values_are_laid_out();
     find_standard_names(module);
 
     add_errors_and_protocol(module);

@@ -34,21 +34,91 @@ KnownDict& known_entry(ModuleState& state, PyObject* dict, Own cls) {
 
 }  // namespace
 
-void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject* value) {
-    KnownDict& known = known_entry(state, dict, cls);
-    known.keys = KnownDict::Keys::fields_only;
-    known.read = static_cast<unsigned short>((1U << field_count(cls)) - 1);
-    std::fill_n(known.fields, field_count(cls), nullptr);
-    known.fields[place_of(cls, field)] = value;
-    known.numbers[place_of(cls, field)] = Number::of(value);
+int slotted_fields(ModuleState& state, Own cls) {
+    OwnClass& own = state.own[static_cast<int>(cls)];
+    if (!state.standard.values_laid_out || own.type == nullptr) {
+        return 0;
+    }
+    const cpython::SharedKeys* keys = cpython::shared_keys(own.type);
+    if (keys == nullptr || keys->kind != cpython::split_keys) {
+        return 0;
+    }
+    // Keys are only ever added: while there are as many as when last counted, the count stands.
+    if (keys != own.keys || keys->entries != own.keys_seen) {
+        const std::span<const Name> fields = fields::of_class[static_cast<size_t>(cls)];
+        int slotted = 0;
+        while (slotted < std::ssize(fields) && slotted < keys->entries &&
+               cpython::shared_key(keys, slotted) == name(state, fields[slotted])) {
+            ++slotted;
+        }
+        own.keys = keys;
+        own.keys_seen = keys->entries;
+        own.slotted = slotted;
+    }
+    return own.slotted;
+}
+
+bool values_are_laid_out() {
+    // A class made as a class statement makes one, and an instance given two attributes.
+    Ref bases = own(PyTuple_New(0));
+    Ref namespace_ = own(PyDict_New());
+    Ref cls = call(reinterpret_cast<PyObject*>(&PyType_Type), text("_").get(), bases.get(), namespace_.get());
+    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+    if (!PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT) || !PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE)) {
+        return false;
+    }
+    Ref object = call(cls.get());
+    PyObject* word = cpython::dict_or_values(object.get());
+    PyObject** values = cpython::values_of(word);
+    const cpython::SharedKeys* keys = cpython::shared_keys(type);
+    if (values == nullptr || keys == nullptr || keys->kind != cpython::split_keys || keys->entries != 0) {
+        return false;
+    }
+    Ref first = own(PyUnicode_InternFromString("first"));
+    Ref second = own(PyUnicode_InternFromString("second"));
+    Ref one = integer(1001);
+    Ref two = real(2.5);
+    Ref three = integer(1003);
+    setattr(object.get(), first.get(), one.get());
+    setattr(object.get(), second.get(), two.get());
+    if (cpython::dict_or_values(object.get()) != word || keys->entries != 2 ||
+        cpython::shared_key(keys, 0) != first.get() || cpython::shared_key(keys, 1) != second.get() ||
+        values[0] != one.get() || values[1] != two.get()) {
+        return false;
+    }
+    // A value written in its slot is what Python reads, and what the dict made from the values holds.
+    values[0] = Py_NewRef(three.get());
+    Py_DECREF(one.get());
+    if (getattr(object.get(), first.get()).get() != three.get()) {
+        return false;
+    }
+    Ref dict = own(PyObject_GenericGetDict(object.get(), nullptr));
+    return cpython::values_of(cpython::dict_or_values(object.get())) == nullptr && PyDict_GET_SIZE(dict.get()) == 2 &&
+           PyDict_GetItemWithError(dict.get(), first.get()) == three.get() &&
+           PyDict_GetItemWithError(dict.get(), second.get()) == two.get();
 }
 
 void Record::load() {
     dict_ = Ref();
+    values_ = nullptr;
+    slotted_ = 0;
     ModuleState& state = state_of(fn_);
     const OwnClass& own = state.own[static_cast<int>(cls_)];
     PyTypeObject* type = Py_TYPE(object_);
     if (type != own.type || own.version == 0 || type->tp_version_tag != own.version) {
+        return;
+    }
+    if (!PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) {
+        return;
+    }
+    if (PyObject* word = cpython::dict_or_values(object_); cpython::values_of(word) != nullptr &&
+                                                           state.standard.values_laid_out &&
+                                                           cpython::shared_keys(type) != nullptr) {
+        type_ = type;
+        class_version_ = own.version;
+        word_ = word;
+        values_ = cpython::values_of(word);
+        slotted_ = slotted_fields(state, cls_);
         return;
     }
     PyObject** slot = cpython::dict_slot(object_);
@@ -127,7 +197,11 @@ inline void Record::write_known(int place, Name field, const Value& value) {
 
 Value Record::get(Name field) {
     int place = place_of(cls_, field);
-    if (knows(place)) {
+    if (slotted(place) && in_values()) {
+        if (PyObject* value = values_[place]) {
+            return Value::borrow(value);
+        }
+    } else if (knows(place)) {
         return Value::known(known_->fields[place], known_->numbers[place]);
     }
     return get_slowly(field);
@@ -135,7 +209,13 @@ Value Record::get(Name field) {
 
 void Record::set(Name field, const Value& value) {
     int place = place_of(cls_, field);
-    if (knows(place) && quiet_keys()) {
+    if (slotted(place)) {
+        PyObject* object = value.get();
+        if (in_values() && values_[place] != nullptr) {
+            write_slot(place, object);
+            return;
+        }
+    } else if (knows(place) && quiet_keys()) {
         write_known(place, field, value);
         return;
     }
@@ -143,7 +223,7 @@ void Record::set(Name field, const Value& value) {
 }
 
 Value Record::get_slowly(Name field) {
-    if (!current()) {
+    if (!current() && !in_values()) {
         load();
         // What an earlier record of the object read of it, as it still is.
         if (int place = place_of(cls_, field); knows(place)) {
@@ -151,7 +231,11 @@ Value Record::get_slowly(Name field) {
         }
     }
     PyObject* key = name(fn_, field);
-    if (dict_) {
+    if (values_ != nullptr) {
+        if (int place = place_of(cls_, field); slotted(place) && values_[place] != nullptr) {
+            return Value::borrow(values_[place]);
+        }
+    } else if (dict_) {
         int place = place_of(cls_, field);
         if (place >= 0) {
             if (PyObject* value = field_at_place(place)) {
@@ -174,7 +258,7 @@ Value Record::get_slowly(Name field) {
 }
 
 void Record::set_slowly(Name field, const Value& value) {
-    if (!current()) {
+    if (!current() && !in_values()) {
         load();
         if (int place = place_of(cls_, field); knows(place) && quiet_keys()) {
             write_known(place, field, value);
@@ -183,7 +267,16 @@ void Record::set_slowly(Name field, const Value& value) {
     }
     PyObject* object = value.get();
     PyObject* key = name(fn_, field);
+    if (values_ != nullptr) {
+        // `value.get()` made no object that could run code: the values are still the object's.
+        if (int place = place_of(cls_, field); slotted(place) && values_[place] != nullptr) {
+            write_slot(place, object);
+            return;
+        }
+    }
     if (!dict_) {
+        // A field not set yet, or without a slot of its own: stored as Python stores it, in the
+        // inline values while the object has them.
         setattr(object_, key, object);
         return;
     }
@@ -210,8 +303,19 @@ void Record::set_slowly(Name field, const Value& value) {
 }
 
 bool Record::finds_own(Name method) {
-    if (!current()) {
+    if (!current() && !in_values()) {
         load();
+    }
+    if (values_ != nullptr) {
+        // Keys are only ever added: while there are no more than the fields in their slots, none of
+        // them is a method's name. Otherwise the method is the object's own attribute when its key
+        // is there and the object's slot for it holds a value.
+        const cpython::SharedKeys* keys = cpython::shared_keys(type_);
+        if (keys->entries <= slotted_) {
+            return true;
+        }
+        Py_ssize_t slot = cpython::slot_of(keys, name(fn_, method), -1);
+        return slot < 0 || values_[slot] == nullptr;
     }
     if (!dict_) {
         return false;

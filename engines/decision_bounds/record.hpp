@@ -2,18 +2,22 @@
 //
 // `get(field)` is `self.field`, `set(field, value)` is `self.field = value`, in the order the code
 // makes them, and every value read is owned from the moment it is read. While the object is exactly
-// of its class as start-up left it, with its own attribute dict, no descriptor, override or
-// `__getattr__` can stand between an attribute and that dict, so fields are read and written
-// there; otherwise through the ordinary attribute calls.
+// of its class as start-up left it, no descriptor, override or `__getattr__` can stand between an
+// attribute and the object's own attributes, so fields are read and written where the object keeps
+// them; otherwise through the ordinary attribute calls.
 //
-// A field is read at the place where the class's code stores it when first asked for, and what was
-// read (the object, and the number it is) is trusted for as long as the object is still of its
-// class, with the same dict, and the dict's version is unchanged: whatever runs between two uses (a
-// callback, a lock wait that lets other threads in, a reply's property, a key's `__eq__`) and
-// changes the object shows in one of those, and the record reads again. What was read is kept in the
-// module state (`KnownDict`), so the next record of the same object starts from it. A write keeps it
-// current only when the write cannot have run code: every key of the dict is an exact `str` (so no
-// lookup calls `__eq__`) and the old value is held through the write (so no finalizer runs inside it).
+// An object keeps its attributes in one of two places. Until something asks for its dict, in its
+// inline values: a slot per key of its class, read and written in place as Python's own attribute
+// loads and stores do, each use checking that the object still has them (asking for the dict, from
+// anywhere, ends them for good). Then in its attribute dict: a field is read at the place where the
+// class's code stores it when first asked for, and what was read (the object, and the number it is)
+// is trusted for as long as the object is still of its class, with the same dict, and the dict's
+// version is unchanged: whatever runs between two uses (a callback, a lock wait that lets other
+// threads in, a reply's property, a key's `__eq__`) and changes the object shows in one of those, and
+// the record reads again. What was read is kept in the module state (`KnownDict`), so the next record
+// of the same object starts from it. A write keeps it current only when the write cannot have run
+// code: every key of the dict is an exact `str` (so no lookup calls `__eq__`) and the old value is
+// held through the write (so no finalizer runs inside it).
 #pragma once
 
 #include <optional>
@@ -47,11 +51,26 @@ public:
     bool finds_own(Name method);
 
     // Whether a write of a field whose old value is an exact number runs no code now: the object is
-    // standard, the module knows its dict as it is, and every key of the dict is an exact `str`.
-    bool writes_quietly() const { return current() && quiet_keys(); }
+    // standard, and keeps its attributes in inline values, or in a dict that the module knows as it
+    // is and whose keys are all exact `str`.
+    bool writes_quietly() const { return in_values() || (current() && quiet_keys()); }
 
 private:
     using Keys = KnownDict::Keys;
+
+    // Whether the object is standard and still keeps its attributes in the inline values read.
+    bool in_values() const {
+        return values_ != nullptr && cpython::dict_or_values(object_) == word_ && Py_TYPE(object_) == type_ &&
+               type_->tp_version_tag == class_version_;
+    }
+    // Whether `place` is a field's slot in the inline values (-1, no field, is none).
+    bool slotted(int place) const { return static_cast<unsigned>(place) < static_cast<unsigned>(slotted_); }
+    // `self.field = value` into its slot, which holds a value: what Python's store does there.
+    void write_slot(int place, PyObject* value) {
+        PyObject* old = values_[place];
+        values_[place] = Py_NewRef(value);
+        Py_DECREF(old);  // what freeing it runs, the next use notices
+    }
 
     // Whether every key of the dict, current, is an exact `str`.
     bool quiet_keys() const { return known_->keys == Keys::fields_only || cpython::is_split(dict_.get()); }
@@ -87,13 +106,19 @@ private:
     PyTypeObject* type_ = nullptr;
     unsigned int class_version_ = 0;
     PyObject** slot_ = nullptr;  // where the object keeps its dict
+    PyObject* word_ = nullptr;     // while it keeps inline values: the word that points to them
+    PyObject** values_ = nullptr;  // and those values
+    int slotted_ = 0;              // how many fields have their slot at their place, the first ones
     Ref dict_;                   // that dict while the object is standard, kept alive whatever replaces it
     KnownDict* known_ = nullptr;  // what the module knows of it
 };
 
-// Tells the module's records what a dict that the module itself just filled holds: the fields of
-// `cls` alone, with `field` (the only one, at its place) holding `value`.
-void know_dict(ModuleState& state, PyObject* dict, Own cls, Name field, PyObject* value);
+// How many of the first keys that the instances of the module's class `cls` share are its fields,
+// each at its place (0 while it has none, or inline values cannot be read so).
+int slotted_fields(ModuleState& state, Own cls);
+
+// Whether instances keep their inline values as `cpython.hpp` says: checked once, at start-up.
+bool values_are_laid_out();
 
 // The method `method` of the module's class `cls`, looked up on an object as `object.method` is,
 // before the call's arguments are evaluated: the class's own method when the object is exactly of

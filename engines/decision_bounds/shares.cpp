@@ -20,12 +20,6 @@ PyObject** weakrefs_of(PyObject* share) {
     return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(share) + Py_TYPE(share)->tp_weaklistoffset);
 }
 
-// The share's attribute dict (made from its inline values if it had none yet), or null.
-PyObject* dict_of(PyObject* share) {
-    PyObject** slot = cpython::dict_slot(share);
-    return slot != nullptr ? *slot : nullptr;
-}
-
 constexpr const char* share_doc = R"doc(What one admitted call holds of a bound, given back exactly once: settled with the paid
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
     that holds it, whatever ended it: an error, a stop or an interrupt).)doc";
@@ -93,70 +87,63 @@ ModuleState* share_state(PyTypeObject* type) {
 // The pool
 //
 // A share is made and dropped for every admitted call, so the module keeps a few that were freed
-// while nothing else referred to them or to their dict, and makes new ones from there. A kept share
-// holds its class (shown to the garbage collector by the module) and its dict with `_give_back`
-// set to None: no callback stays alive. Under AddressSanitizer a kept block never reaches free(),
-// which would hide a use after free, so the sanitizer build leaves the pool out.
+// with their attributes still in their inline values (nobody ever asked for their dict) and holding
+// `_give_back` alone, and makes new ones from there. A kept share holds its class (shown to the
+// garbage collector by the module) and None in its slot: no callback stays alive, and nothing
+// outside the module can reach it. Under AddressSanitizer a kept block never reaches free(), which
+// would hide a use after free, so the sanitizer build leaves the pool out.
 
 #if DECISION_BOUNDS_SHARE_POOL
 
-// `_give_back`'s value in `dict` when the dict is a share's as the pool can keep it: referred to by
-// the share alone, holding `_give_back` alone; null otherwise.
-PyObject* keepable(const ModuleState& state, PyObject* dict) {
-    if (dict == nullptr || !PyDict_CheckExact(dict) || Py_REFCNT(dict) != 1 || PyDict_GET_SIZE(dict) != 1) {
+// The share's inline values when the pool can keep it: `_give_back` in its slot and nothing else.
+PyObject** keepable(ModuleState& state, PyObject* share) {
+    PyObject** values = cpython::values_of(cpython::dict_or_values(share));
+    if (values == nullptr || slotted_fields(state, Own::Share) < 1 || values[0] == nullptr) {
         return nullptr;
     }
-    Py_ssize_t position = 0;
-    PyObject* key;
-    PyObject* value;
-    return PyDict_Next(dict, &position, &key, &value) && key == name(state, Name::_give_back) ? value : nullptr;
+    const cpython::SharedKeys* keys = cpython::shared_keys(Py_TYPE(share));
+    for (Py_ssize_t slot = 1; slot < keys->entries; ++slot) {
+        if (values[slot] != nullptr) {
+            return nullptr;
+        }
+    }
+    return values;
 }
 
-// Keeps a share of the module's own class that is being freed, when nothing but the share refers to
-// its dict; a callback still in it is let go of first, as freeing the share would.
+// Keeps a share of the module's own class that is being freed, when the pool can; a callback still
+// held is let go of first, as freeing the share would.
 bool keep_for_reuse(PyObject* share) {
     ModuleState* state = share_state(Py_TYPE(share));
     if (state == nullptr || state->shares.count == SharePool::capacity) {
         return false;
     }
-    PyObject* dict = dict_of(share);
-    PyObject* give_back = keepable(*state, dict);
-    if (give_back == nullptr) {
+    PyObject** values = keepable(*state, share);
+    if (values == nullptr) {
         return false;
     }
-    if (give_back != Py_None) {
-        if (PyDict_SetItem(dict, name(*state, Name::_give_back), Py_None) < 0) {
-            PyErr_WriteUnraisable(nullptr);  // not the share: it is being freed
-            return false;
-        }
-        // Letting go of the callback ran its finalizer, which may have taken the dict (found
-        // through `gc.get_objects()`, say) or filled the pool: look again.
-        dict = dict_of(share);
-        if (state->shares.count == SharePool::capacity || keepable(*state, dict) != Py_None) {
+    if (PyObject* callback = values[0]; callback != Py_None) {
+        values[0] = Py_NewRef(Py_None);
+        Py_DECREF(callback);
+        // What that ran cannot reach the share (out of the collector's list, without weak
+        // references), but may have filled the pool or cleared the module: look again.
+        state = share_state(Py_TYPE(share));
+        if (state == nullptr || state->shares.count == SharePool::capacity) {
             return false;
         }
     }
-    // Out of the collector's list, nobody can find the dict while the share is kept; storing a
-    // callback in it again puts it back.
-    PyObject_GC_UnTrack(dict);
     state->shares.free[state->shares.count++] = share;
     return true;
 }
 
 // A kept share made new: its reference to its class becomes the new share's.
 PyObject* reuse(ModuleState& state, PyTypeObject* type) {
-    while (state.shares.count > 0) {
-        PyObject* share = state.shares.free[--state.shares.count];
-        PyObject_Init(share, type);
-        Py_DECREF(type);
-        if (keepable(state, dict_of(share)) != nullptr) {
-            return share;
-        }
-        // Someone holds the dict after all: this share gets a dict of its own.
-        cpython::clear_managed_dict(share);
-        return share;
+    if (state.shares.count == 0) {
+        return nullptr;
     }
-    return nullptr;
+    PyObject* share = state.shares.free[--state.shares.count];
+    PyObject_Init(share, type);
+    Py_DECREF(type);
+    return share;
 }
 
 #endif
@@ -218,7 +205,7 @@ PyType_Spec share_spec = {
 };
 
 // A share of the class as start-up left it, holding `give_back`: what `Share(give_back)` makes
-// (`object.__new__`, then `__init__`, which stores the callback in the new dict).
+// (`object.__new__`, then `__init__`, which stores the callback).
 Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
     Ref share;
 #if DECISION_BOUNDS_SHARE_POOL
@@ -227,13 +214,15 @@ Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
     if (!share) {
         share = own(PyBaseObject_Type.tp_new(type, state.standard.empty_tuple, nullptr));
     }
-    Ref dict = Ref::borrow(dict_of(share.get()));
-    if (!dict) {
-        dict = own(PyObject_GenericGetDict(share.get(), nullptr));
-    }
-    check(PyDict_SetItem(dict.get(), name(state, Name::_give_back), give_back));
-    if (PyDict_GET_SIZE(dict.get()) == 1) {
-        know_dict(state, dict.get(), Own::Share, Name::_give_back, give_back);
+    // `self._give_back = give_back`: in place when the share's slot holds a value already (a kept
+    // share's None), else as Python stores it.
+    PyObject** values = cpython::values_of(cpython::dict_or_values(share.get()));
+    if (values != nullptr && values[0] != nullptr && slotted_fields(state, Own::Share) >= 1) {
+        PyObject* old = values[0];
+        values[0] = Py_NewRef(give_back);
+        Py_DECREF(old);
+    } else {
+        setattr(share.get(), name(state, Name::_give_back), give_back);
     }
     if (!PyObject_GC_IsTracked(share.get())) {
         PyObject_GC_Track(share.get());

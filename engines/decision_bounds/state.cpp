@@ -76,6 +76,7 @@ void clear_state(ModuleState& state) {
     state.standard.lock_acquire = nullptr;
     state.standard.lock_release = nullptr;
     state.standard.lock_laid_out = false;
+    state.standard.values_laid_out = false;
     for (OwnClass& own : state.own) {
         own.version = 0;
     }

@@ -48,6 +48,11 @@ enum class Own : int { Share, _Held, _Charges, RequestRates, RunBudget, DailySpe
 struct OwnClass {
     PyTypeObject* type;
     unsigned int version;  // 0: no version could be given, so never taken as unchanged
+    // Its instances' shared keys when last counted, compared, never followed (record.cpp): how
+    // many there were, and how many of the first of them are the class's fields in their order.
+    const void* keys;
+    Py_ssize_t keys_seen;
+    int slotted;
 };
 
 // What the code of the module reads through its namespace and finds standard: the builtins and
@@ -69,6 +74,7 @@ struct Standard {
     PyCFunctionWithKeywords lock_acquire;
     PyCFunction lock_release;
     bool lock_laid_out;  // its fields are where `cpython::LockObject` says
+    bool values_laid_out;  // instances keep inline values where `cpython.hpp` says
     PyObject* math_module;  // `math` and its `isinf` and `inf`
     PyObject* math_isinf;
     PyObject* math_inf;
@@ -98,7 +104,7 @@ struct Facts {
     bool known[static_cast<int>(Fact::count)];
 };
 
-// Shares kept for reuse, each with its class and its attribute dict (shares.cpp).
+// Shares kept for reuse, each with its class and its inline values (shares.cpp).
 struct SharePool {
     static constexpr int capacity = 32;
     PyObject* free[capacity];
