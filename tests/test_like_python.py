@@ -252,7 +252,8 @@ def kept_as_python_keeps_them(m):
     budget.reserve(1.0)
     budget.charge(Reply(0.25, 10), 1.0)
     return [sorted(type(referent).__name__ for referent in gc.get_referents(obj))
-            for obj in (rates, rates._cost, budget, budget._held_tokens, daily, daily._held, share)]
+            for obj in (rates, rates._cost, budget, budget._held_tokens, budget._changed, daily, daily._held,
+                        daily._changed, share)]
 
 
 def test_objects_keep_their_attributes_where_python_keeps_them():

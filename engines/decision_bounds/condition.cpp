@@ -24,6 +24,18 @@ PyObject* entry_at(PyObject* dict, Py_ssize_t place, PyObject* key) {
     return value;
 }
 
+// The inline values of a standard condition that still keeps its attributes there, or null.
+PyObject** inline_values(const ModuleState& state, PyObject* object) {
+    return state.standard.values_laid_out ? cpython::values_of(cpython::dict_or_values(object)) : nullptr;
+}
+
+// Its own attribute `key`, borrowed, or null, where the class's code put it at `place`: read in
+// place while it keeps inline values (as Python's own loads do, never making it a dict).
+PyObject* in_values(PyObject* object, PyObject** values, Py_ssize_t place, PyObject* key) {
+    Py_ssize_t slot = cpython::slot_of(cpython::shared_keys(Py_TYPE(object)), key, place);
+    return slot >= 0 ? values[slot] : nullptr;
+}
+
 PyObject* instance_dict(PyObject* object) {
     PyObject** slot = cpython::dict_slot(object);
     return slot != nullptr && *slot != nullptr && PyDict_CheckExact(*slot) ? *slot : nullptr;
@@ -112,8 +124,12 @@ Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(m
         }
     } else if (standard_condition(state, type)) {
         // The class's `__enter__` and `__exit__` pass on to its lock's own.
-        PyObject* dict = instance_dict(object);
-        PyObject* lock = dict != nullptr ? entry_at(dict, lock_place, name(state, Name::_lock)) : nullptr;
+        PyObject* lock = nullptr;
+        if (PyObject** values = inline_values(state, object)) {
+            lock = in_values(object, values, lock_place, name(state, Name::_lock));
+        } else if (PyObject* dict = instance_dict(object)) {
+            lock = entry_at(dict, lock_place, name(state, Name::_lock));
+        }
         if (lock != nullptr && Py_TYPE(lock) == standard.rlock_type) {
             lock_ = Ref::borrow(lock);
             acquire = standard.rlock_acquire;
@@ -237,6 +253,29 @@ Entered::~Entered() noexcept(false) {
 
 namespace {
 
+// Whether what `notify_all` reads of a standard condition makes the call a no-op whenever nobody
+// waits: no `notify_all` or `notify` of its own, a standard `_waiters` deque and `_is_owned`.
+bool quiet(const Standard& standard, PyObject* waiters, PyObject* is_owned) {
+    return waiters != nullptr && Py_TYPE(waiters) == standard.deque_type && is_owned != nullptr &&
+           PyCFunction_Check(is_owned) && PyCFunction_GET_FUNCTION(is_owned) == standard.rlock_is_owned &&
+           Py_TYPE(PyCFunction_GET_SELF(is_owned)) == standard.rlock_type;
+}
+
+// The same of a condition that keeps its attributes in inline values, read in place: the `_waiters`
+// deque and the lock of `_is_owned` (borrowed from the values), or null.
+Standard::QuietCondition quiet_values(ModuleState& state, PyObject* object, PyObject** values) {
+    if (in_values(object, values, -1, name(state, Name::notify_all)) != nullptr ||
+        in_values(object, values, -1, name(state, Name::notify)) != nullptr) {
+        return {};
+    }
+    PyObject* waiters = in_values(object, values, waiters_place, name(state, Name::_waiters));
+    PyObject* is_owned = in_values(object, values, is_owned_place, name(state, Name::_is_owned));
+    if (!quiet(state.standard, waiters, is_owned)) {
+        return {};
+    }
+    return {.dict = nullptr, .version = 0, .waiters = waiters, .lock = PyCFunction_GET_SELF(is_owned)};
+}
+
 // What `notify_all` needs of a standard condition's dict when its entries make the call a no-op
 // whenever nobody waits: the `_waiters` deque and the lock of `_is_owned` (borrowed from the dict);
 // null when they do not. The lookups first, as they may run code; then the entries, read with
@@ -250,9 +289,7 @@ Standard::QuietCondition quiet_entries(ModuleState& state, PyObject* dict) {
     }
     PyObject* waiters = entry_at(dict, waiters_place, name(state, Name::_waiters));
     PyObject* is_owned = entry_at(dict, is_owned_place, name(state, Name::_is_owned));
-    if (waiters == nullptr || Py_TYPE(waiters) != standard.deque_type || is_owned == nullptr ||
-        !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != standard.rlock_is_owned ||
-        Py_TYPE(PyCFunction_GET_SELF(is_owned)) != standard.rlock_type) {
+    if (!quiet(standard, waiters, is_owned)) {
         return {};
     }
     return {.dict = dict, .version = cpython::dict_version(dict), .waiters = waiters,
@@ -268,8 +305,12 @@ void notify_all(FunctionObject* fn, const Value& condition) {
     // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
     // empty, once `self._is_owned()` has said that this thread holds the lock.
     if (standard_condition(state, Py_TYPE(object))) {
-        if (PyObject* dict = instance_dict(object)) {
-            const Standard::QuietCondition* quiet = nullptr;
+        Standard::QuietCondition in_place{};
+        const Standard::QuietCondition* quiet = nullptr;
+        if (PyObject** values = inline_values(state, object)) {
+            in_place = quiet_values(state, object, values);
+            quiet = in_place.waiters != nullptr ? &in_place : nullptr;
+        } else if (PyObject* dict = instance_dict(object)) {
             for (const Standard::QuietCondition& known : standard.quiet) {
                 if (known.dict == dict && known.version == cpython::dict_version(dict)) {
                     quiet = &known;
@@ -284,13 +325,13 @@ void notify_all(FunctionObject* fn, const Value& condition) {
                     quiet = &standard.quiet[standard.quiet_recent];
                 }
             }
-            if (quiet != nullptr && PyObject_Size(quiet->waiters) == 0) {
-                Ref lock = Ref::borrow(quiet->lock);
-                bool mine = standard.rlock_laid_out ? cpython::rlock_is_mine(lock.get())
-                                                    : own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True;
-                if (mine) {
-                    return;
-                }
+        }
+        if (quiet != nullptr && PyObject_Size(quiet->waiters) == 0) {
+            Ref lock = Ref::borrow(quiet->lock);
+            bool mine = standard.rlock_laid_out ? cpython::rlock_is_mine(lock.get())
+                                                : own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True;
+            if (mine) {
+                return;
             }
         }
     }
