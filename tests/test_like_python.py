@@ -16,7 +16,7 @@ import pytest
 
 from engines import decision_bounds as db
 
-from support import NoCost, Reply, failing, outcome, twin
+from support import NoCost, Reply, failing, outcome, run_python, twin
 
 
 class Log(list):
@@ -302,3 +302,13 @@ def test_the_unreadable_ledgers_warning_shows_where_it_failed():
         tracebacks.append(records[0].exc_info[2])
     assert [f.name for f in traceback.extract_tb(tracebacks[0])] == [f.name for f in traceback.extract_tb(tracebacks[1])]
     assert tracebacks[0].tb_frame.f_code is db.DailySpend._spent_since.__code__
+
+
+def test_importing_it_leaves_no_class_of_its_own_making_behind():
+    assert run_python("""
+        import __future__, collections.abc, dataclasses, functools, logging, math, threading, typing
+        before = set(map(id, object.__subclasses__()))
+        import engines.decision_bounds as db
+        known = before | set(map(id, vars(db).values())) | {id(type(db.never))}
+        print([c.__qualname__ for c in object.__subclasses__() if id(c) not in known])
+        """) == "[]"

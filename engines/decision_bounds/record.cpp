@@ -58,16 +58,16 @@ int slotted_fields(ModuleState& state, Own cls) {
     return own.slotted;
 }
 
-bool values_are_laid_out() {
-    // A class made as a class statement makes one, and an instance given two attributes.
-    Ref bases = own(PyTuple_New(0));
-    Ref namespace_ = own(PyDict_New());
-    Ref cls = call(reinterpret_cast<PyObject*>(&PyType_Type), text("_").get(), bases.get(), namespace_.get());
-    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
+namespace {
+
+// Whether an instance of `cls`, a class made as a class statement makes one, keeps two attributes
+// given to it where `cpython.hpp` says.
+bool laid_out_as_said(PyObject* cls) {
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
     if (!PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT) || !PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE)) {
         return false;
     }
-    Ref object = call(cls.get());
+    Ref object = call(cls);
     PyObject* word = cpython::dict_or_values(object.get());
     PyObject** values = cpython::values_of(word);
     const cpython::SharedKeys* keys = cpython::shared_keys(type);
@@ -96,6 +96,20 @@ bool values_are_laid_out() {
     return cpython::values_of(cpython::dict_or_values(object.get())) == nullptr && PyDict_GET_SIZE(dict.get()) == 2 &&
            PyDict_GetItemWithError(dict.get(), first.get()) == three.get() &&
            PyDict_GetItemWithError(dict.get(), second.get()) == two.get();
+}
+
+}  // namespace
+
+bool values_are_laid_out() {
+    Ref bases = own(PyTuple_New(0));
+    Ref namespace_ = own(PyDict_New());
+    Ref cls = call(reinterpret_cast<PyObject*>(&PyType_Type), text("_").get(), bases.get(), namespace_.get());
+    bool laid_out = laid_out_as_said(cls.get());
+    // The class is the module's alone, its instance gone: its own cycles (its `__mro__`, the
+    // descriptors in its dict) are broken now, so that it goes at once and leaves no trace among
+    // `object`'s subclasses.
+    PyType_Type.tp_clear(cls.get());
+    return laid_out;
 }
 
 void Record::load() {
