@@ -9,7 +9,7 @@
 namespace decision_bounds::cpython {
 
 // Where an object keeps its attribute dict, made from its inline values if it had none yet; null
-// when its class gives it none. The records read their fields straight from that dict.
+// when its class gives it none. Used only where the inline values below cannot be read.
 inline PyObject** dict_slot(PyObject* object) { return _PyObject_GetDictPtr(object); }
 
 // Inline values. An instance of a class with `Py_TPFLAGS_MANAGED_DICT` keeps, three words before

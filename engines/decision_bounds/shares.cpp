@@ -11,9 +11,9 @@ namespace {
 // Share
 //
 // A class of the module's own making rather than one made by `type()`, laid out as a Python class
-// is: its instances keep their attribute dict and their weak references in the space the
-// interpreter manages before the object, so its instances are the size of `object`'s and it
-// combines with other bases as a class statement's class would.
+// is: its instances keep their attributes (inline values, or a dict) and their weak references in
+// the space the interpreter manages before the object, so its instances are the size of
+// `object`'s and it combines with other bases as a class statement's class would.
 
 // The head of the share's list of weak references: where the class says it keeps it.
 PyObject** weakrefs_of(PyObject* share) {
