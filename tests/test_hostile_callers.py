@@ -380,10 +380,9 @@ def test_a_class_whose_first_instance_set_its_fields_in_another_order():
     with fresh_module() as module:
         got = []
         for m in (module, twin()):
-            first = m._Held.__new__(m._Held)
-            first.unbounded, first.amount, first.holders = 0, 0.0, 0
-            h = m._Held()
-            steps = (lambda: h.take(2.0), lambda: h.take(3.0), lambda: h.admits(math.inf, 1.0, 10.0),
-                     lambda: h.give_back(2.0))
-            got.append([outcome(step) for step in steps] + [fields(h)])
+            first = m._Charges.__new__(m._Charges)
+            first.per_call, first.per_byte = 0.0, 0.0
+            c = m._Charges()
+            steps = (lambda: c.learn(10, 5.0), lambda: c.learn(1000, 7.0), lambda: c.bound(10), lambda: c.bound(1))
+            got.append([outcome(step) for step in steps] + [fields(c)])
         assert got[0] == got[1]

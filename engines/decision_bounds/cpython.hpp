@@ -18,8 +18,8 @@ inline PyObject** dict_slot(PyObject* object) { return _PyObject_GetDictPtr(obje
 // instances of the class share (`ht_cached_keys`): keys are only ever appended there, so a key keeps
 // its slot for the life of the class. Python's own attribute loads and stores use these slots in
 // place, and the interpreter specialises method calls only on objects that still have them; the
-// records do the same rather than make the dict. Start-up checks all of this on a class of its own
-// (`values_are_laid_out`, record.cpp) before anything is read so.
+// records do the same rather than make the dict. Start-up checks all of this on an instance of one
+// of the module's classes (`values_are_laid_out`, record.cpp) before anything is read so.
 inline PyObject* dict_or_values(PyObject* object) { return reinterpret_cast<PyObject**>(object)[-3]; }
 // The values that the word above points to, or null when it holds a dict (or nothing).
 inline PyObject** values_of(PyObject* word) {

@@ -159,7 +159,6 @@ void start_up(PyObject* module) {
     bind(module, "logger", call(get_logger.get(), lookup(module, "__name__").get()));
     bind(module, "_POLL_S", real(0.1));
     find_standard_locks(module);
-    standard.values_laid_out = values_are_laid_out();
     find_standard_names(module);
 
     add_errors_and_protocol(module);
@@ -168,6 +167,7 @@ void start_up(PyObject* module) {
     add_run_budget(module);
     add_daily_spend(module);
     remember_own_classes(module);
+    standard.values_laid_out = values_are_laid_out(state, Own::_Held);
     watch_namespace(module);
 }
 

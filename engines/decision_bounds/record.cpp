@@ -58,58 +58,43 @@ int slotted_fields(ModuleState& state, Own cls) {
     return own.slotted;
 }
 
-namespace {
-
-// Whether an instance of `cls`, a class made as a class statement makes one, keeps two attributes
-// given to it where `cpython.hpp` says.
-bool laid_out_as_said(PyObject* cls) {
-    auto* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (!PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT) || !PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE)) {
+bool values_are_laid_out(ModuleState& state, Own cls) {
+    // A new instance of one of the module's classes, before anything has made one, given the
+    // class's first two fields in their order: what its first instance does anyway.
+    PyTypeObject* type = state.own[static_cast<int>(cls)].type;
+    const std::span<const Name> fields = fields::of_class[static_cast<size_t>(cls)];
+    if (!PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT) || !PyType_HasFeature(type, Py_TPFLAGS_HEAPTYPE) ||
+        fields.size() < 2) {
         return false;
     }
-    Ref object = call(cls);
+    Ref object = own(PyBaseObject_Type.tp_new(type, state.standard.empty_tuple, nullptr));
     PyObject* word = cpython::dict_or_values(object.get());
     PyObject** values = cpython::values_of(word);
     const cpython::SharedKeys* keys = cpython::shared_keys(type);
     if (values == nullptr || keys == nullptr || keys->kind != cpython::split_keys || keys->entries != 0) {
         return false;
     }
-    Ref first = own(PyUnicode_InternFromString("first"));
-    Ref second = own(PyUnicode_InternFromString("second"));
+    PyObject* first = name(state, fields[0]);
+    PyObject* second = name(state, fields[1]);
     Ref one = integer(1001);
     Ref two = real(2.5);
     Ref three = integer(1003);
-    setattr(object.get(), first.get(), one.get());
-    setattr(object.get(), second.get(), two.get());
-    if (cpython::dict_or_values(object.get()) != word || keys->entries != 2 ||
-        cpython::shared_key(keys, 0) != first.get() || cpython::shared_key(keys, 1) != second.get() ||
-        values[0] != one.get() || values[1] != two.get()) {
+    setattr(object.get(), first, one.get());
+    setattr(object.get(), second, two.get());
+    if (cpython::dict_or_values(object.get()) != word || keys->entries != 2 || cpython::shared_key(keys, 0) != first ||
+        cpython::shared_key(keys, 1) != second || values[0] != one.get() || values[1] != two.get()) {
         return false;
     }
     // A value written in its slot is what Python reads, and what the dict made from the values holds.
     values[0] = Py_NewRef(three.get());
     Py_DECREF(one.get());
-    if (getattr(object.get(), first.get()).get() != three.get()) {
+    if (getattr(object.get(), first).get() != three.get()) {
         return false;
     }
     Ref dict = own(PyObject_GenericGetDict(object.get(), nullptr));
     return cpython::values_of(cpython::dict_or_values(object.get())) == nullptr && PyDict_GET_SIZE(dict.get()) == 2 &&
-           PyDict_GetItemWithError(dict.get(), first.get()) == three.get() &&
-           PyDict_GetItemWithError(dict.get(), second.get()) == two.get();
-}
-
-}  // namespace
-
-bool values_are_laid_out() {
-    Ref bases = own(PyTuple_New(0));
-    Ref namespace_ = own(PyDict_New());
-    Ref cls = call(reinterpret_cast<PyObject*>(&PyType_Type), text("_").get(), bases.get(), namespace_.get());
-    bool laid_out = laid_out_as_said(cls.get());
-    // The class is the module's alone, its instance gone: its own cycles (its `__mro__`, the
-    // descriptors in its dict) are broken now, so that it goes at once and leaves no trace among
-    // `object`'s subclasses.
-    PyType_Type.tp_clear(cls.get());
-    return laid_out;
+           PyDict_GetItemWithError(dict.get(), first) == three.get() &&
+           PyDict_GetItemWithError(dict.get(), second) == two.get();
 }
 
 void Record::load() {

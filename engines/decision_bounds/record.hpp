@@ -117,8 +117,9 @@ private:
 // each at its place (0 while it has none, or inline values cannot be read so).
 int slotted_fields(ModuleState& state, Own cls);
 
-// Whether instances keep their inline values as `cpython.hpp` says: checked once, at start-up.
-bool values_are_laid_out();
+// Whether instances keep their inline values as `cpython.hpp` says: checked once, at start-up, on
+// an instance of the module's class `cls` made before any other.
+bool values_are_laid_out(ModuleState& state, Own cls);
 
 // The method `method` of the module's class `cls`, looked up on an object as `object.method` is,
 // before the call's arguments are evaluated: the class's own method when the object is exactly of
