@@ -31,7 +31,7 @@ PyObject** inline_values(const ModuleState& state, PyObject* object) {
 
 // Its own attribute `key`, borrowed, or null, where the class's code put it at `place`: read in
 // place while it keeps inline values (as Python's own loads do, never making it a dict).
-PyObject* in_values(PyObject* object, PyObject** values, Py_ssize_t place, PyObject* key) {
+PyObject* attribute_in_values(PyObject* object, PyObject** values, Py_ssize_t place, PyObject* key) {
     Py_ssize_t slot = cpython::slot_of(cpython::shared_keys(Py_TYPE(object)), key, place);
     return slot >= 0 ? values[slot] : nullptr;
 }
@@ -126,7 +126,7 @@ Entered::Entered(FunctionObject* fn, const Value& manager) : fn_(fn), manager_(m
         // The class's `__enter__` and `__exit__` pass on to its lock's own.
         PyObject* lock = nullptr;
         if (PyObject** values = inline_values(state, object)) {
-            lock = in_values(object, values, lock_place, name(state, Name::_lock));
+            lock = attribute_in_values(object, values, lock_place, name(state, Name::_lock));
         } else if (PyObject* dict = instance_dict(object)) {
             lock = entry_at(dict, lock_place, name(state, Name::_lock));
         }
@@ -253,81 +253,62 @@ Entered::~Entered() noexcept(false) {
 
 namespace {
 
-// Whether what `notify_all` reads of a standard condition makes the call a no-op whenever nobody
-// waits: no `notify_all` or `notify` of its own, a standard `_waiters` deque and `_is_owned`.
-bool quiet(const Standard& standard, PyObject* waiters, PyObject* is_owned) {
-    return waiters != nullptr && Py_TYPE(waiters) == standard.deque_type && is_owned != nullptr &&
-           PyCFunction_Check(is_owned) && PyCFunction_GET_FUNCTION(is_owned) == standard.rlock_is_owned &&
-           Py_TYPE(PyCFunction_GET_SELF(is_owned)) == standard.rlock_type;
-}
+// What `notify_all` reads of a standard condition when it makes the call a no-op whenever nobody
+// waits (no `notify_all` or `notify` of its own, a standard `_waiters` deque and `_is_owned`): the
+// deque and the lock of `_is_owned`, borrowed from the condition; nulls otherwise.
+struct Quiet {
+    PyObject* waiters = nullptr;
+    PyObject* lock = nullptr;
+};
 
-// The same of a condition that keeps its attributes in inline values, read in place: the `_waiters`
-// deque and the lock of `_is_owned` (borrowed from the values), or null.
-Standard::QuietCondition quiet_values(ModuleState& state, PyObject* object, PyObject** values) {
-    if (in_values(object, values, -1, name(state, Name::notify_all)) != nullptr ||
-        in_values(object, values, -1, name(state, Name::notify)) != nullptr) {
+Quiet quiet(const Standard& standard, PyObject* waiters, PyObject* is_owned) {
+    if (waiters == nullptr || Py_TYPE(waiters) != standard.deque_type || is_owned == nullptr ||
+        !PyCFunction_Check(is_owned) || PyCFunction_GET_FUNCTION(is_owned) != standard.rlock_is_owned ||
+        Py_TYPE(PyCFunction_GET_SELF(is_owned)) != standard.rlock_type) {
         return {};
     }
-    PyObject* waiters = in_values(object, values, waiters_place, name(state, Name::_waiters));
-    PyObject* is_owned = in_values(object, values, is_owned_place, name(state, Name::_is_owned));
-    if (!quiet(state.standard, waiters, is_owned)) {
-        return {};
-    }
-    return {.dict = nullptr, .version = 0, .waiters = waiters, .lock = PyCFunction_GET_SELF(is_owned)};
+    return {.waiters = waiters, .lock = PyCFunction_GET_SELF(is_owned)};
 }
 
-// What `notify_all` needs of a standard condition's dict when its entries make the call a no-op
-// whenever nobody waits: the `_waiters` deque and the lock of `_is_owned` (borrowed from the dict);
-// null when they do not. The lookups first, as they may run code; then the entries, read with
-// nothing run between.
-Standard::QuietCondition quiet_entries(ModuleState& state, PyObject* dict) {
-    const Standard& standard = state.standard;
-    Ref held = Ref::borrow(dict);
+// Read in place from a condition that keeps its attributes in inline values.
+Quiet quiet_values(const ModuleState& state, PyObject* object, PyObject** values) {
+    if (attribute_in_values(object, values, -1, name(state, Name::notify_all)) != nullptr ||
+        attribute_in_values(object, values, -1, name(state, Name::notify)) != nullptr) {
+        return {};
+    }
+    return quiet(state.standard, attribute_in_values(object, values, waiters_place, name(state, Name::_waiters)),
+                 attribute_in_values(object, values, is_owned_place, name(state, Name::_is_owned)));
+}
+
+// Read from a condition's dict, which the caller holds: the lookups first, as they may run code;
+// then the entries, read with nothing run between.
+Quiet quiet_entries(const ModuleState& state, PyObject* dict) {
     if (check(PyDict_Contains(dict, name(state, Name::notify_all))) != 0 ||
         check(PyDict_Contains(dict, name(state, Name::notify))) != 0) {
         return {};
     }
-    PyObject* waiters = entry_at(dict, waiters_place, name(state, Name::_waiters));
-    PyObject* is_owned = entry_at(dict, is_owned_place, name(state, Name::_is_owned));
-    if (!quiet(standard, waiters, is_owned)) {
-        return {};
-    }
-    return {.dict = dict, .version = cpython::dict_version(dict), .waiters = waiters,
-            .lock = PyCFunction_GET_SELF(is_owned)};
+    return quiet(state.standard, entry_at(dict, waiters_place, name(state, Name::_waiters)),
+                 entry_at(dict, is_owned_place, name(state, Name::_is_owned)));
 }
 
 }  // namespace
 
 void notify_all(FunctionObject* fn, const Value& condition) {
     ModuleState& state = state_of(fn);
-    Standard& standard = state.standard;
+    const Standard& standard = state.standard;
     PyObject* object = condition.get();
     // `notify_all` is `self.notify(len(self._waiters))`, and `notify` wakes nobody when the deque is
     // empty, once `self._is_owned()` has said that this thread holds the lock.
     if (standard_condition(state, Py_TYPE(object))) {
-        Standard::QuietCondition in_place{};
-        const Standard::QuietCondition* quiet = nullptr;
+        Quiet found;
+        Ref dict;  // held while what was read of it is used: its lookups may run code that replaces it
         if (PyObject** values = inline_values(state, object)) {
-            in_place = quiet_values(state, object, values);
-            quiet = in_place.waiters != nullptr ? &in_place : nullptr;
-        } else if (PyObject* dict = instance_dict(object)) {
-            for (const Standard::QuietCondition& known : standard.quiet) {
-                if (known.dict == dict && known.version == cpython::dict_version(dict)) {
-                    quiet = &known;
-                }
-            }
-            if (quiet == nullptr) {
-                Standard::QuietCondition found = quiet_entries(state, dict);
-                if (found.dict != nullptr && found.dict == instance_dict(object) &&
-                    found.version == cpython::dict_version(found.dict)) {
-                    standard.quiet_recent = static_cast<unsigned char>(1 - standard.quiet_recent);
-                    standard.quiet[standard.quiet_recent] = found;
-                    quiet = &standard.quiet[standard.quiet_recent];
-                }
-            }
+            found = quiet_values(state, object, values);
+        } else if ((dict = Ref::borrow(instance_dict(object)))) {
+            found = quiet_entries(state, dict.get());
         }
-        if (quiet != nullptr && PyObject_Size(quiet->waiters) == 0) {
-            Ref lock = Ref::borrow(quiet->lock);
+        if (found.waiters != nullptr && PyObject_Size(found.waiters) == 0) {
+            Ref lock = Ref::borrow(found.lock);
             bool mine = standard.rlock_laid_out ? cpython::rlock_is_mine(lock.get())
                                                 : own(standard.rlock_is_owned(lock.get(), nullptr)).get() == Py_True;
             if (mine) {

@@ -27,6 +27,14 @@ inline PyObject** values_of(PyObject* word) {
     return (bits & 1) != 0 ? reinterpret_cast<PyObject**>(bits + 1) : nullptr;
 }
 
+// `obj.key = value` into a slot that holds a value already, as Python's own store does there. Letting
+// go of the old value may run code: nothing read of the object before it may be trusted after.
+inline void store_in_slot(PyObject** values, Py_ssize_t slot, PyObject* value) {
+    PyObject* old = values[slot];
+    values[slot] = Py_NewRef(value);
+    Py_DECREF(old);
+}
+
 // The shared keys as 3.12 lays them out: a header, a hash index, then (key, value) entries.
 struct SharedKeys {
     Py_ssize_t refcount;

@@ -211,7 +211,7 @@ void Record::set(Name field, const Value& value) {
     if (slotted(place)) {
         PyObject* object = value.get();
         if (in_values() && values_[place] != nullptr) {
-            write_slot(place, object);
+            cpython::store_in_slot(values_, place, object);  // what that frees, the next use notices
             return;
         }
     } else if (knows(place) && quiet_keys()) {
@@ -269,7 +269,7 @@ void Record::set_slowly(Name field, const Value& value) {
     if (values_ != nullptr) {
         // `value.get()` made no object that could run code: the values are still the object's.
         if (int place = place_of(cls_, field); slotted(place) && values_[place] != nullptr) {
-            write_slot(place, object);
+            cpython::store_in_slot(values_, place, object);  // what that frees, the next use notices
             return;
         }
     }

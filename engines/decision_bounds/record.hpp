@@ -65,12 +65,6 @@ private:
     }
     // Whether `place` is a field's slot in the inline values (-1, no field, is none).
     bool slotted(int place) const { return static_cast<unsigned>(place) < static_cast<unsigned>(slotted_); }
-    // `self.field = value` into its slot, which holds a value: what Python's store does there.
-    void write_slot(int place, PyObject* value) {
-        PyObject* old = values_[place];
-        values_[place] = Py_NewRef(value);
-        Py_DECREF(old);  // what freeing it runs, the next use notices
-    }
 
     // Whether every key of the dict, current, is an exact `str`.
     bool quiet_keys() const { return known_->keys == Keys::fields_only || cpython::is_split(dict_.get()); }

@@ -121,9 +121,8 @@ bool keep_for_reuse(PyObject* share) {
     if (values == nullptr) {
         return false;
     }
-    if (PyObject* callback = values[0]; callback != Py_None) {
-        values[0] = Py_NewRef(Py_None);
-        Py_DECREF(callback);
+    if (values[0] != Py_None) {
+        cpython::store_in_slot(values, 0, Py_None);
         // What that ran cannot reach the share (out of the collector's list, without weak
         // references), but may have filled the pool or cleared the module: look again.
         state = share_state(Py_TYPE(share));
@@ -218,9 +217,7 @@ Ref new_share(ModuleState& state, PyTypeObject* type, PyObject* give_back) {
     // share's None), else as Python stores it.
     PyObject** values = cpython::values_of(cpython::dict_or_values(share.get()));
     if (values != nullptr && values[0] != nullptr && slotted_fields(state, Own::Share) >= 1) {
-        PyObject* old = values[0];
-        values[0] = Py_NewRef(give_back);
-        Py_DECREF(old);
+        cpython::store_in_slot(values, 0, give_back);
     } else {
         setattr(share.get(), name(state, Name::_give_back), give_back);
     }

@@ -82,16 +82,6 @@ struct Standard {
     PyObject* partial_type;
     PyObject* builtins;                                   // the module's builtins (a dict)
     PyObject* builtin[static_cast<int>(Fact::Exception) + 1];  // `max` ... `Exception` as start-up found them
-    // Conditions' dicts found quiet for `notify_all` (no `notify_all` or `notify` of their own, a
-    // standard `_waiters` and `_is_owned`), each at one version: while a dict keeps that version,
-    // it holds the same entries, so the same objects. Compared, never followed, unless current.
-    struct QuietCondition {
-        PyObject* dict;
-        unsigned long long version;
-        PyObject* waiters;  // its `_waiters` deque
-        PyObject* lock;     // the reentrant lock that its `_is_owned` belongs to
-    } quiet[2];
-    unsigned char quiet_recent;
     PyObject* empty_tuple;
     PyObject* zero;        // the float 0.0, shared as a constant of the code would be
     PyObject* empty_text;  // ""
